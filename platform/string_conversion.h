@@ -1,0 +1,21 @@
+#pragma once
+
+#include <cstdint>
+
+#include "platform/string.h"
+
+/// Numbers from and to text.
+namespace StrConv {
+
+/// Reads `text` as an unsigned decimal number: one or more of the digits 0 to 9 and nothing else, with a
+/// value that fits 64 bits. Signs, blanks, base prefixes, digit separators and the empty text are refused;
+/// leading zeros are not. True with the value in `*number`, or false with `*number` untouched.
+///
+/// `digits` would name another set of ten digits; an empty Ref means "0123456789". Any other text than one of
+/// ten bytes, all different, refuses every number.
+[[nodiscard]] bool num(const Ref<String>& text, std::uint64_t* number, const Ref<String>& digits);
+
+/// `number` in decimal, without padding.
+[[nodiscard]] Ref<String> str(std::uint64_t number);
+
+}  // namespace StrConv
