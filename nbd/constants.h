@@ -1,0 +1,152 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+/// The NBD protocol in its own words: every number that may stand on the wire. All integers there are
+/// unsigned and big-endian; bit 0 is the least significant. Source: the NBD protocol document (`doc/proto.md`
+/// of the NBD project).
+namespace Nbd {
+
+// Magic words.
+inline constexpr std::uint64_t greetingMagic =
+    0x4e42'444d'4147'4943;  // "NBDMAGIC", first word of the greeting
+inline constexpr std::uint64_t optionMagic =
+    0x4948'4156'454f'5054;  // "IHAVEOPT", its second word, and every option
+inline constexpr std::uint64_t oldstyleMagic =
+    0x0000'4202'8186'1253;  // second word of the obsolete handshake
+inline constexpr std::uint64_t optionReplyMagic = 0x0003'e889'0455'65a9;  // every reply to an option
+inline constexpr std::uint32_t requestMagic = 0x2560'9513;
+inline constexpr std::uint32_t simpleReplyMagic = 0x6744'6698;
+inline constexpr std::uint32_t chunkMagic = 0x668e'33ef;  // a chunk of a structured reply
+
+// Sizes in bytes.
+inline constexpr std::size_t greetingSize = 18;
+inline constexpr std::size_t clientFlagsSize = 4;
+inline constexpr std::size_t optionHeaderSize = 16;
+inline constexpr std::size_t optionReplyHeaderSize = 20;
+inline constexpr std::size_t exportNameReplySize = 10;     // size and transmission flags
+inline constexpr std::size_t exportNamePaddingSize = 124;  // zeroes behind them, unless both agreed on none
+inline constexpr std::size_t requestSize = 28;
+inline constexpr std::size_t simpleReplySize = 16;
+inline constexpr std::size_t chunkHeaderSize = 20;
+inline constexpr std::size_t offsetDataHeaderSize = chunkHeaderSize + 8;   // the data follow
+inline constexpr std::size_t offsetHoleSize = chunkHeaderSize + 12;        // a whole chunk
+inline constexpr std::size_t blockStatusHeaderSize = chunkHeaderSize + 4;  // the extents follow
+inline constexpr std::size_t extentSize = 8;
+inline constexpr std::size_t errorHeaderSize = chunkHeaderSize + 6;  // the message follows
+inline constexpr std::size_t errorOffsetSize = 8;  // behind the message of an ERROR_OFFSET chunk
+
+enum class Option : std::uint32_t {
+  exportName = 1,
+  abort = 2,
+  list = 3,
+  peekExport = 4,  // withdrawn, never supported
+  startTls = 5,
+  info = 6,
+  go = 7,
+  structuredReply = 8,
+  listMetaContext = 9,
+  setMetaContext = 10,
+  extendedHeaders = 11,
+};
+
+/// What a reply to an option says. Bit 31 marks errors; the data of an error is an optional text for people.
+enum class ReplyType : std::uint32_t {
+  ack = 1,
+  server = 2,
+  info = 3,
+  metaContext = 4,
+  unsupported = 0x8000'0001,
+  policy = 0x8000'0002,
+  invalid = 0x8000'0003,
+  platform = 0x8000'0004,
+  tlsRequired = 0x8000'0005,
+  unknown = 0x8000'0006,
+  shutdown = 0x8000'0007,
+  blockSizeRequired = 0x8000'0008,
+  tooBig = 0x8000'0009,
+  extendedHeadersRequired = 0x8000'000a,
+};
+inline constexpr std::uint32_t replyErrorBit = 0x8000'0000;
+
+enum class InfoType : std::uint16_t { exportInfo = 0, name = 1, description = 2, blockSize = 3 };
+
+enum class Command : std::uint16_t {
+  read = 0,
+  write = 1,
+  disconnect = 2,
+  flush = 3,
+  trim = 4,
+  cache = 5,
+  writeZeroes = 6,
+  blockStatus = 7,
+};
+
+enum class ReplyChunk : std::uint16_t {
+  none = 0,
+  offsetData = 1,
+  offsetHole = 2,
+  blockStatus = 5,
+  error = 0x8001,
+  errorOffset = 0x8002,
+};
+inline constexpr std::uint16_t chunkErrorBit = 0x8000;
+
+/// The error numbers of the wire. They are the protocol's own; a host's errno is translated, never copied.
+enum class Error : std::uint32_t {
+  none = 0,
+  perm = 1,       // read-only or forbidden
+  io = 5,         // the medium failed
+  nomem = 12,     // avoided by us
+  inval = 22,     // a bad request; clients read any number they do not know as this one
+  nospc = 28,     // full, or a write beyond the end
+  overflow = 75,  // a READ larger than what can be sent
+  notsup = 95,    // a FAST_ZERO that would not be fast; nothing else
+  shutdown = 108,
+};
+
+namespace HandshakeFlag {  // server, in the greeting
+inline constexpr std::uint16_t fixedNewstyle = 1 << 0;
+inline constexpr std::uint16_t noZeroes = 1 << 1;
+}  // namespace HandshakeFlag
+
+namespace ClientFlag {  // client, in answer to the greeting
+inline constexpr std::uint32_t fixedNewstyle = 1 << 0;
+inline constexpr std::uint32_t noZeroes = 1 << 1;
+}  // namespace ClientFlag
+
+namespace TransmissionFlag {  // what an export can do
+inline constexpr std::uint16_t hasFlags = 1 << 0;
+inline constexpr std::uint16_t readOnly = 1 << 1;
+inline constexpr std::uint16_t sendFlush = 1 << 2;
+inline constexpr std::uint16_t sendFua = 1 << 3;
+inline constexpr std::uint16_t rotational = 1 << 4;
+inline constexpr std::uint16_t sendTrim = 1 << 5;
+inline constexpr std::uint16_t sendWriteZeroes = 1 << 6;
+inline constexpr std::uint16_t sendDf = 1 << 7;  // only with structured replies; the handshake sees to that
+inline constexpr std::uint16_t canMultiConn = 1 << 8;
+inline constexpr std::uint16_t sendCache = 1 << 10;
+inline constexpr std::uint16_t sendFastZero = 1 << 11;  // requires sendWriteZeroes
+}  // namespace TransmissionFlag
+
+namespace CommandFlag {
+inline constexpr std::uint16_t fua = 1 << 0;
+inline constexpr std::uint16_t noHole = 1 << 1;
+inline constexpr std::uint16_t df = 1 << 2;
+inline constexpr std::uint16_t reqOne = 1 << 3;
+inline constexpr std::uint16_t fastZero = 1 << 4;
+}  // namespace CommandFlag
+
+namespace ReplyFlag {
+inline constexpr std::uint16_t done = 1 << 0;  // the last chunk of its reply
+}  // namespace ReplyFlag
+
+namespace AllocationFlag {  // status words of the context base:allocation; 0 is always a safe answer
+inline constexpr std::uint32_t hole = 1 << 0;
+inline constexpr std::uint32_t zero = 1 << 1;
+}  // namespace AllocationFlag
+
+inline constexpr char allocationContextName[] = "base:allocation";
+
+}  // namespace Nbd

@@ -1,0 +1,68 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+/// What a peer can make us hold, do or wait for: each bound on foreign bytes of this layer, with its reason.
+namespace Nbd {
+
+// The protocol's own bound on every string (names, queries, descriptions, messages).
+inline constexpr std::size_t maxStringLength = 4096;
+
+// Options up to this length are kept in memory while they arrive. An option that makes sense holds one name
+// and a few queries or numbers; this leaves room for the longest name with dozens of long queries.
+inline constexpr std::uint32_t maxOptionLength = 64 * 1024;
+
+// Options up to this length are read past and answered with an error, as the protocol asks for options that a
+// server does not know. Nobody has a reason to announce more: such a peer is disconnected.
+inline constexpr std::uint32_t maxOptionDrained = 1024 * 1024;
+
+// Enough for a client that asks about thousands of exports one by one; ends one that never comes to the
+// point.
+inline constexpr std::uint32_t maxOptionsPerConnection = 16 * 1024;
+
+// All bytes of one client's handshake together. Eight drained options of the largest size.
+inline constexpr std::uint64_t maxHandshakeBytes = 8 * std::uint64_t{maxOptionDrained};
+
+// Metadata context queries in one option. There is one context to select, clients send one to three queries.
+inline constexpr std::uint32_t maxQueries = 64;
+
+// A step of the handshake stops adding replies once it has added this much, and goes on when that has been
+// sent: the listing of thousands of exports takes no more memory than one of a few.
+inline constexpr std::size_t handshakeOutputStep = 64 * 1024;
+
+// Data of one READ or WRITE: the size that the protocol lets every client rely on when nothing was
+// advertised.
+inline constexpr std::uint32_t maxPayload = 32 * 1024 * 1024;
+
+// The data of a WRITE that is refused are read past up to this length, so that an honest client with a wrong
+// idea of the largest size is told EINVAL. Beyond it the peer is disconnected: up to 4 GiB of work for 28
+// bytes is an attack.
+inline constexpr std::uint32_t maxPayloadDrained = 2 * maxPayload;
+
+// Extents in one BLOCK_STATUS chunk that we send: 64 KiB on the wire. The client asks again where the chunk
+// ends.
+inline constexpr std::size_t maxExtentsSent = 8192;
+
+// Text in an error chunk that we send: a sentence for people.
+inline constexpr std::size_t maxErrorMessageSent = 256;
+
+// The client's side: what a server may make us hold.
+
+// One reply to an option: an export's name and description, each of the largest size, and change.
+inline constexpr std::uint32_t maxOptionReplyLength = 16 * 1024;
+
+// Replies before the final one: a listing ten times the size of the largest that we test.
+inline constexpr std::uint32_t maxRepliesPerOption = 100 * 1000;
+
+// All bytes of one server's handshake together: 100,000 exports with names and descriptions of 300 bytes.
+inline constexpr std::uint64_t maxServerHandshakeBytes = 32 * 1024 * 1024;
+
+// Extents accepted in one chunk: the protocol asks servers to send no more.
+inline constexpr std::size_t maxExtentsReceived = 1024 * 1024;
+
+// Payload of a chunk that is not data of a READ: the extents above with their context, or an error with its
+// message.
+inline constexpr std::uint32_t maxChunkOverhead = 4 + 8 * maxExtentsReceived;
+
+}  // namespace Nbd

@@ -1,0 +1,143 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "nbd/bytes.h"
+#include "nbd/constants.h"
+#include "nbd/export_view.h"
+#include "nbd/validation.h"
+
+namespace Nbd {
+
+/// The server's side of the fixed newstyle handshake, as a machine that turns bytes into bytes.
+///
+/// The caller owns the connection and runs this loop:
+///
+///     handshake.greet(output);
+///     for (;;) {
+///       send all of output, empty it;
+///       auto [consumed, state] = handshake.advance(input, output);
+///       drop `consumed` bytes from the front of input;
+///       if (state == failed) close;
+///       if (state != negotiating) send output; closing: close; transmission: serve requests, input first;
+///       if (consumed == 0 && output.empty()) receive more input;
+///     }
+///
+/// One call answers at most one option, and adds about handshakeOutputStep bytes at most: who does not call
+/// while output waits to be sent is safe from a client that asks and never reads. Bytes behind the option
+/// that ends the handshake are never touched. Any split of the same bytes over calls gives the same output
+/// and the same end. What a client can make this hold is maxOptionLength bytes, one agreement, and a share of
+/// one listing.
+///
+/// Bounding the time that a handshake takes is the caller's business. One connection, one thread at a time.
+class ServerHandshake {
+ public:
+  /// What the server offers.
+  struct Policy {
+    bool noZeroes = true;           // agree to leave out the padding behind EXPORT_NAME's answer
+    bool structuredReplies = true;  // and with them metadata contexts
+    bool listing = true;            // answer LIST; otherwise it is forbidden
+  };
+
+  enum class State : std::uint8_t {
+    negotiating,
+    transmission,  // send the output, then serve requests on agreement()
+    closing,       // send the output, then close
+    failed,        // close at once; the output does not matter
+  };
+
+  struct Progress {
+    std::size_t consumed = 0;
+    State state = State::negotiating;
+  };
+
+  /// What both sides agreed on; complete in State::transmission.
+  struct Agreement {
+    ExportView exportView;             // as its transmissionFlags were told to the client
+    bool structuredReplies = false;    // READ and BLOCK_STATUS are answered in chunks
+    bool noZeroes = false;             // both sides agreed (of interest to EXPORT_NAME alone)
+    bool blockSizesRequested = false;  // the client asked for the block sizes and is bound to them
+    std::optional<std::uint32_t>
+        allocationContext;  // the id of base:allocation, if it is selected for this export
+
+    /// What validate() measures this connection's requests by.
+    [[nodiscard]] ExportLimits limits() const;
+  };
+
+  /// `directory` must outlive this.
+  ServerHandshake(const ExportDirectory& directory, Policy policy);
+
+  /// Appends the greeting. To be called once, first.
+  void greet(std::vector<std::byte>& output) const;
+
+  /// Takes what it can use of `input` and appends to `output` what the client shall be sent. See above for
+  /// how to call.
+  [[nodiscard]] Progress advance(Bytes input, std::vector<std::byte>& output);
+
+  [[nodiscard]] const Agreement& agreement() const { return agreement_; }
+
+ private:
+  enum class Stage : std::uint8_t { clientFlags, optionHeader, optionData, drain, listing };
+  struct OptionRow;
+  static const OptionRow optionTable[];
+  struct Queries;
+  using Output = std::vector<std::byte>;
+
+  static const OptionRow* findOption(Option option);
+
+  [[nodiscard]] std::size_t stageLength() const;
+  [[nodiscard]] std::optional<Bytes> collect(Bytes& input, std::size_t length);
+  bool runStage(Bytes& input, Output& output);
+  bool takeClientFlags(Bytes data);
+  bool takeOptionHeader(Bytes data, Output& output);
+  bool takeOptionData(Bytes data, Output& output);
+  bool drain(Bytes& input, Output& output);
+  void answerDrained(Output& output);
+  void nextOption();
+  bool fail();
+
+  void replyHeader(Output& output, ReplyType type, std::size_t length) const;
+  void acknowledge(Output& output) const;
+  void refuse(Output& output, ReplyType type, std::string_view message) const;
+  void sendInfo(Output& output, const ExportView& view, Bytes requested) const;
+  void continueListing(Output& output);
+
+  void exportName(Bytes data, Output& output);
+  void abort(Bytes data, Output& output);
+  void list(Bytes data, Output& output);
+  void info(Bytes data, Output& output);
+  void go(Bytes data, Output& output);
+  void structuredReply(Bytes data, Output& output);
+  void listMetaContext(Bytes data, Output& output);
+  void setMetaContext(Bytes data, Output& output);
+
+  /// The export and the wanted information of INFO or GO, or nothing when the option was refused.
+  struct InfoRequest;
+  std::optional<InfoRequest> findForInfo(Bytes data, Output& output) const;
+  std::optional<Queries> parseQueries(Bytes data, Output& output) const;
+  void enterTransmission(ExportView view, std::string_view requestedName);
+  [[nodiscard]] std::uint16_t toldFlags(const ExportView& view) const;
+
+  const ExportDirectory* directory_;
+  Policy policy_;
+  Agreement agreement_;
+  State state_ = State::negotiating;
+  Stage stage_ = Stage::clientFlags;
+  Option option_{};                 // the one being read or answered
+  std::uint32_t optionLength_ = 0;  // its data, or what is left of them to drain
+  std::uint32_t optionCount_ = 0;
+  std::uint64_t received_ = 0;
+  std::vector<std::byte> partial_;  // the start of a stage whose end has not arrived
+  std::string contextExport_;       // the name that the context was selected for, as the client sent it
+  bool allocationSelected_ = false;
+  std::shared_ptr<const std::vector<ListedExport>> listing_;
+  std::size_t listed_ = 0;
+};
+
+}  // namespace Nbd
