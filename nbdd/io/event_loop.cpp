@@ -1,0 +1,154 @@
+#include "nbdd/io/event_loop.h"
+
+#include <sys/eventfd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <system_error>
+
+namespace Nbdd::Io {
+
+EventLoop::EventLoop()
+    : epoll_(::epoll_create1(EPOLL_CLOEXEC)), wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+  if (!epoll_ || !wake_) {
+    throw std::system_error(errno, std::generic_category(), "cannot create an event loop");
+  }
+  epoll_event event{};
+  event.events = EPOLLIN;
+  event.data.ptr = nullptr;
+  if (::epoll_ctl(epoll_.number(), EPOLL_CTL_ADD, wake_.number(), &event) != 0) {
+    throw std::system_error(errno, std::generic_category(), "cannot create an event loop");
+  }
+}
+
+EventLoop::~EventLoop() = default;
+
+void EventLoop::run() {
+  for (;;) {
+    const int count = ::epoll_wait(epoll_.number(), events_.data(), eventsPerTurn, timeoutMilliseconds());
+    now_ = Clock::now();
+    dispatch(std::max(count, 0));
+    fireTimers();
+    runPosted();
+    runDeferred();
+    const std::lock_guard lock(mutex_);
+    if (stopRequested_ && posted_.empty() && deferred_.empty()) {
+      stopRequested_ = false;
+      return;
+    }
+  }
+}
+
+void EventLoop::stop() {
+  {
+    const std::lock_guard lock(mutex_);
+    stopRequested_ = true;
+  }
+  ::eventfd_write(wake_.number(), 1);
+}
+
+void EventLoop::post(Function function) {
+  bool first = false;
+  {
+    const std::lock_guard lock(mutex_);
+    first = posted_.empty();
+    posted_.push_back(std::move(function));
+  }
+  if (first) {
+    ::eventfd_write(wake_.number(), 1);
+  }
+}
+
+void EventLoop::defer(Function function) { deferred_.push_back(std::move(function)); }
+
+int EventLoop::watch(int descriptor, std::uint32_t events, EventHandler& handler) {
+  epoll_event event{};
+  event.events = events;
+  event.data.ptr = &handler;
+  return ::epoll_ctl(epoll_.number(), EPOLL_CTL_ADD, descriptor, &event) == 0 ? 0 : errno;
+}
+
+int EventLoop::change(int descriptor, std::uint32_t events, EventHandler& handler) {
+  epoll_event event{};
+  event.events = events;
+  event.data.ptr = &handler;
+  return ::epoll_ctl(epoll_.number(), EPOLL_CTL_MOD, descriptor, &event) == 0 ? 0 : errno;
+}
+
+void EventLoop::unwatch(int descriptor, EventHandler& handler) {
+  ::epoll_ctl(epoll_.number(), EPOLL_CTL_DEL, descriptor, nullptr);
+  for (epoll_event& event : pending_) {
+    if (event.data.ptr == &handler) {
+      event.events = 0;
+    }
+  }
+}
+
+int EventLoop::timeoutMilliseconds() const {
+  if (!deferred_.empty()) {
+    return 0;
+  }
+  if (timers_.empty()) {
+    return -1;
+  }
+  const auto left =
+      std::chrono::ceil<std::chrono::milliseconds>(timers_.begin()->first - Clock::now()).count();
+  return static_cast<int>(std::clamp<std::int64_t>(left, 0, 3'600'000));
+}
+
+void EventLoop::dispatch(int count) {
+  pending_ = std::span(events_).first(static_cast<std::size_t>(count));
+  while (!pending_.empty()) {
+    const epoll_event event = pending_.front();
+    pending_ = pending_.subspan(1);
+    if (event.data.ptr == nullptr) {
+      eventfd_t ignored = 0;
+      ::eventfd_read(wake_.number(), &ignored);
+    } else if (event.events != 0) {
+      static_cast<EventHandler*>(event.data.ptr)->onEvents(event.events);
+    }
+  }
+}
+
+void EventLoop::runPosted() {
+  std::vector<Function> functions;
+  {
+    const std::lock_guard lock(mutex_);
+    functions.swap(posted_);
+  }
+  for (Function& function : functions) {
+    function();
+  }
+}
+
+void EventLoop::fireTimers() {
+  while (!timers_.empty() && timers_.begin()->first <= now_) {
+    Timer& timer = *timers_.begin()->second;
+    timer.cancel();
+    timer.function_();
+  }
+}
+
+void EventLoop::runDeferred() {
+  std::vector<Function> functions;
+  functions.swap(deferred_);
+  for (Function& function : functions) {
+    function();
+  }
+}
+
+void Timer::start(Clock::duration delay) {
+  cancel();
+  due_ = Clock::now() + delay;
+  loop_.timers_.emplace(due_, this);
+  running_ = true;
+}
+
+void Timer::cancel() {
+  if (running_) {
+    loop_.timers_.erase({due_, this});
+    running_ = false;
+  }
+}
+
+}  // namespace Nbdd::Io

@@ -1,0 +1,144 @@
+#include "nbdd/io/stream.h"
+
+#include <sys/sendfile.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <exception>
+#include <utility>
+
+namespace Nbdd::Io {
+
+Stream::Stream(EventLoop& loop, FileDescriptor socket) : loop_(loop), socket_(std::move(socket)) {
+  failure_ = loop_.watch(socket_.number(), EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET, *this);
+}
+
+Stream::~Stream() {
+  if (reader_ || writer_) {
+    std::terminate();
+  }
+  loop_.unwatch(socket_.number(), *this);
+}
+
+ssize_t Stream::receive(std::span<std::byte> buffer) {
+  if (failure_ != 0) {
+    return -failure_;
+  }
+  ssize_t count = 0;
+  do {
+    count = ::recv(socket_.number(), buffer.data(), buffer.size(), 0);
+  } while (count < 0 && errno == EINTR);
+  if (count < 0) {
+    readable_ = readable_ && errno != EAGAIN;
+    return -errno;
+  }
+  return count;
+}
+
+ssize_t Stream::send(std::span<const std::byte> bytes, bool more) {
+  if (failure_ != 0) {
+    return -failure_;
+  }
+  ssize_t count = 0;
+  do {
+    count = ::send(socket_.number(), bytes.data(), bytes.size(), MSG_NOSIGNAL | (more ? MSG_MORE : 0));
+  } while (count < 0 && errno == EINTR);
+  if (count < 0) {
+    writable_ = writable_ && errno != EAGAIN;
+    return -errno;
+  }
+  return count;
+}
+
+ssize_t Stream::send(std::span<const iovec> pieces, bool more) {
+  if (failure_ != 0) {
+    return -failure_;
+  }
+  msghdr message{};
+  message.msg_iov = const_cast<iovec*>(pieces.data());
+  message.msg_iovlen = pieces.size();
+  ssize_t count = 0;
+  do {
+    count = ::sendmsg(socket_.number(), &message, MSG_NOSIGNAL | (more ? MSG_MORE : 0));
+  } while (count < 0 && errno == EINTR);
+  if (count < 0) {
+    writable_ = writable_ && errno != EAGAIN;
+    return -errno;
+  }
+  return count;
+}
+
+ssize_t Stream::sendFile(int file, std::uint64_t offset, std::size_t length) {
+  if (failure_ != 0) {
+    return -failure_;
+  }
+  auto position = static_cast<off_t>(offset);
+  ssize_t count = 0;
+  do {
+    count = ::sendfile(socket_.number(), file, &position, length);
+  } while (count < 0 && errno == EINTR);
+  if (count < 0) {
+    writable_ = writable_ && errno != EAGAIN;
+    return -errno;
+  }
+  return count;
+}
+
+bool Stream::Waiting::await_ready() const noexcept {
+  return forReading_ ? stream_.readable_ || stream_.readingInterrupted_
+                     : stream_.writable_ || stream_.writingInterrupted_;
+}
+
+void Stream::Waiting::await_suspend(std::coroutine_handle<> waiter) noexcept {
+  (forReading_ ? stream_.reader_ : stream_.writer_) = waiter;
+}
+
+Stream::Wake Stream::Waiting::await_resume() const noexcept {
+  const bool interrupted = forReading_ ? stream_.readingInterrupted_ : stream_.writingInterrupted_;
+  return interrupted ? Wake::interrupted : Wake::ready;
+}
+
+void Stream::interruptReading() {
+  readingInterrupted_ = true;
+  if (reader_) {
+    std::exchange(reader_, {}).resume();
+  }
+}
+
+void Stream::interrupt() {
+  readingInterrupted_ = true;
+  writingInterrupted_ = true;
+  // The first waiter that runs may destroy this stream, so both are taken before.
+  const std::coroutine_handle<> reader = std::exchange(reader_, {});
+  const std::coroutine_handle<> writer = std::exchange(writer_, {});
+  if (writer) {
+    writer.resume();
+  }
+  if (reader) {
+    reader.resume();
+  }
+}
+
+void Stream::shutDown() { ::shutdown(socket_.number(), SHUT_RDWR); }
+
+void Stream::onEvents(std::uint32_t events) {
+  constexpr std::uint32_t ended = EPOLLERR | EPOLLHUP;
+  std::coroutine_handle<> reader;
+  std::coroutine_handle<> writer;
+  if ((events & (EPOLLIN | EPOLLRDHUP | ended)) != 0) {
+    readable_ = true;
+    reader = std::exchange(reader_, {});
+  }
+  if ((events & (EPOLLOUT | ended)) != 0) {
+    writable_ = true;
+    writer = std::exchange(writer_, {});
+  }
+  if (writer) {
+    writer.resume();
+  }
+  if (reader) {
+    reader.resume();
+  }
+}
+
+}  // namespace Nbdd::Io

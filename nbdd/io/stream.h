@@ -1,0 +1,85 @@
+#pragma once
+
+#include <sys/types.h>
+#include <sys/uio.h>
+
+#include <coroutine>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+#include "nbdd/io/event_loop.h"
+#include "nbdd/io/file_descriptor.h"
+
+namespace Nbdd::Io {
+
+/// A connected stream socket that never blocks, on one event loop.
+///
+/// Reading and writing go straight to the kernel; only when it says EAGAIN does a coroutine await `readable`
+/// or `writable`. At most one coroutine waits for each. The descriptor is watched once, edge-triggered, for
+/// both.
+class Stream final : public EventHandler {
+ public:
+  /// `socket` must be non-blocking. If it cannot be watched, every operation fails with that errno.
+  Stream(EventLoop& loop, FileDescriptor socket);
+  Stream(const Stream&) = delete;
+  Stream& operator=(const Stream&) = delete;
+  /// Nobody may be waiting any more.
+  ~Stream() override;
+
+  int descriptor() const { return socket_.number(); }
+  EventLoop& loop() const { return loop_; }
+
+  /// The number of bytes received (0 = the peer has ended its side), or a negative errno (-EAGAIN: nothing
+  /// there).
+  ssize_t receive(std::span<std::byte> buffer);
+  /// The number of bytes sent, or a negative errno (-EAGAIN: the send buffer is full). `more`: further bytes
+  /// follow at once, so the kernel may hold a partial packet back.
+  ssize_t send(std::span<const std::byte> bytes, bool more = false);
+  ssize_t send(std::span<const iovec> pieces, bool more = false);
+  /// As sendfile(2), from `file` at `offset`.
+  ssize_t sendFile(int file, std::uint64_t offset, std::size_t length);
+
+  /// How a wait ended.
+  enum class Wake { ready, interrupted };
+
+  class Waiting {
+   public:
+    Waiting(Stream& stream, bool forReading) : stream_(stream), forReading_(forReading) {}
+    bool await_ready() const noexcept;
+    void await_suspend(std::coroutine_handle<> waiter) noexcept;
+    Wake await_resume() const noexcept;
+
+   private:
+    Stream& stream_;
+    bool forReading_;
+  };
+
+  /// Awaits that receiving may make progress. Spurious wake-ups happen: try again after each.
+  Waiting readable() { return {*this, true}; }
+  /// Awaits that sending may make progress.
+  Waiting writable() { return {*this, false}; }
+
+  /// Ends the current wait for reading, and every later one, with Wake::interrupted. The waiter is resumed on
+  /// the caller's stack.
+  void interruptReading();
+  /// The same for both directions: nothing waits on this stream any more.
+  void interrupt();
+  /// Shuts the connection down in both directions, so that the peer sees its end; the descriptor stays ours.
+  void shutDown();
+
+  void onEvents(std::uint32_t events) override;
+
+ private:
+  EventLoop& loop_;
+  FileDescriptor socket_;
+  int failure_ = 0;
+  bool readable_ = true;
+  bool writable_ = true;
+  bool readingInterrupted_ = false;
+  bool writingInterrupted_ = false;
+  std::coroutine_handle<> reader_;
+  std::coroutine_handle<> writer_;
+};
+
+}  // namespace Nbdd::Io
