@@ -1,0 +1,84 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <expected>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "control/failure.h"
+#include "control/records.h"
+#include "nbdd/exports/publication.h"
+#include "nbdd/io/event_loop.h"
+
+namespace Nbdd {
+
+/// Where to listen. An empty list of addresses means every address of the host, IPv4 and IPv6.
+struct ListenConfiguration {
+  std::vector<std::string> addresses;  // numeric, "192.0.2.7", "::", "fe80::1%eth0"
+  std::uint16_t port = 10809;          // 0 = any free one, the same for all addresses
+};
+
+/// The NBD server: listens, hands each connection to one of its worker threads, and serves the published
+/// exports there.
+///
+/// All functions belong to the thread of the control loop, and all callbacks are called on it. Nothing here
+/// waits: what takes time ends with a callback.
+class Server {
+ public:
+  struct Options {
+    unsigned int workers = 0;  // threads with an event loop each; 0 = one per processor
+    bool allowRing = true;     // use io_uring where the kernel allows it
+  };
+
+  struct Events {
+    /// The last client of an export has gone (it may have been withdrawn before or not).
+    std::move_only_function<void(Control::ExportId)> lastClientLeft;
+    /// A sync of the export's storage failed: its clients were told, nothing more is written.
+    std::move_only_function<void(Control::ExportId, int error)> storageFailed;
+  };
+
+  /// Starts the worker threads. Throws std::system_error if the system refuses (start-up only).
+  Server(Io::EventLoop& loop, Options options, Events events);
+  /// Ends all sessions hard and joins the threads. Call `close` first, and await it, for a clean end.
+  ~Server();
+  Server(const Server&) = delete;
+  Server& operator=(const Server&) = delete;
+
+  /// Listens on all the addresses, or on none: a port that is taken, an address that the host does not have
+  /// or a privilege that is missing each give their own code.
+  std::expected<void, Control::Failure> listen(const ListenConfiguration& configuration);
+  bool listening() const;
+  /// The port that is listened on; 0 when not listening.
+  std::uint16_t port() const;
+  /// Where other hosts reach this server now: the host's addresses as far as they are listened on, loopback
+  /// left out.
+  std::vector<Control::NetIfFirewallState> endpoints() const;
+
+  /// Stops listening, lets every session finish the requests that run, ends it, and then calls `done`.
+  void close(Io::Function done);
+
+  /// From now on clients find this export. Its id and its name must not be published already.
+  void publish(Publication publication);
+  /// From now on no new client gets this export. Connected ones go on. Unknown ids are ignored.
+  void withdraw(Control::ExportId id);
+  /// Lets every session of the export finish the requests that run, ends it, and calls `done` when the last
+  /// has ended (at once, but never inside this call, when there is none). Withdraw first.
+  void endSessions(Control::ExportId id, Io::Function done);
+
+  /// The clients that use the export now.
+  std::vector<Control::ExportClientInfo> clients(Control::ExportId id) const;
+  std::size_t clientCount(Control::ExportId id) const;
+  /// All open connections, those in the handshake included.
+  std::size_t connectionCount() const;
+  /// "io_uring" or "threads": how storage is waited for.
+  std::string_view storageEngine() const;
+
+ private:
+  struct State;
+  std::unique_ptr<State> state_;
+};
+
+}  // namespace Nbdd
