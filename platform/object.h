@@ -43,8 +43,9 @@ class Object {
 template <class T>
 class Ref {
  public:
-  Ref() noexcept = default;
-  Ref(std::nullptr_t) noexcept {}  // NOLINT(google-explicit-constructor): an empty Ref is written nullptr
+  constexpr Ref() noexcept = default;
+  constexpr Ref(std::nullptr_t) noexcept {
+  }  // NOLINT(google-explicit-constructor): an empty Ref is written nullptr
 
   /// Takes a hold on `object`, which may be null.
   explicit Ref(T* object) noexcept : object_(object) { hold(); }

@@ -11,9 +11,8 @@ namespace StrConv {
 /// value that fits 64 bits. Signs, blanks, base prefixes, digit separators and the empty text are refused;
 /// leading zeros are not. True with the value in `*number`, or false with `*number` untouched.
 ///
-/// `digits` would name another set of ten digits; an empty Ref means "0123456789". Any other text than one of
-/// ten bytes, all different, refuses every number.
-[[nodiscard]] bool num(const Ref<String>& text, std::uint64_t* number, const Ref<String>& digits);
+/// `prefix` is text that has to stand before the digits; an empty Ref means none.
+[[nodiscard]] bool num(const Ref<String>& text, std::uint64_t* number, const Ref<String>& prefix);
 
 /// `number` in decimal, without padding.
 [[nodiscard]] Ref<String> str(std::uint64_t number);

@@ -23,9 +23,6 @@ class BinaryData final : public Object {
  private:
   explicit BinaryData(std::vector<std::byte> bytes) noexcept;
 
-  template <class T, class... Arguments>
-  friend Ref<T> makeRef(Arguments&&... arguments);
-
   const std::vector<std::byte> bytes_;
 };
 
