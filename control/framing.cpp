@@ -1,0 +1,42 @@
+#include "control/framing.h"
+
+#include <algorithm>
+
+namespace Control {
+
+std::span<char> Framing::prepare() {
+  if (taken_ > 0) {
+    std::copy(buffer_.begin() + static_cast<std::ptrdiff_t>(taken_),
+              buffer_.begin() + static_cast<std::ptrdiff_t>(filled_), buffer_.begin());
+    filled_ -= taken_;
+    scanned_ -= taken_;
+    taken_ = 0;
+  }
+  // Grows with what has really arrived, so that a peer that promises nothing costs nothing.
+  constexpr std::size_t firstLength = 4096;
+  if (buffer_.size() - filled_ < firstLength) {
+    const std::size_t wanted = std::max(firstLength, 2 * filled_);
+    buffer_.resize(filled_ + std::min(wanted, std::max(filled_, receiveLength)));
+  }
+  return {buffer_.data() + filled_, buffer_.size() - filled_};
+}
+
+std::optional<std::string_view> Framing::next() {
+  if (tooLong_) return std::nullopt;
+  const std::size_t end = std::string_view(buffer_).substr(0, filled_).find('\0', scanned_);
+  const bool complete = end != std::string_view::npos;
+  const std::size_t length = (complete ? end : filled_) - taken_;
+  if (length > longest_) {
+    tooLong_ = true;
+    return std::nullopt;
+  }
+  if (!complete) {
+    scanned_ = filled_;
+    return std::nullopt;
+  }
+  const std::string_view message(buffer_.data() + taken_, length);
+  taken_ = scanned_ = end + 1;
+  return message;
+}
+
+}  // namespace Control
