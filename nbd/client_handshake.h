@@ -93,7 +93,7 @@ class ClientHandshake {
   [[nodiscard]] std::size_t stageLength() const;
   void runStage(Bytes data, Output& output);
   void takeGreeting(Bytes data, Output& output);
-  void takeReplyHeader(Bytes data, Output& output);
+  void takeReplyHeader(Bytes data);
   void takeReply(Bytes data, Output& output);
   void takeExportNameReply(Bytes data);
   void takeInfo(Bytes data, RemoteExport& remote);

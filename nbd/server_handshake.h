@@ -84,30 +84,22 @@ class ServerHandshake {
 
  private:
   enum class Stage : std::uint8_t { clientFlags, optionHeader, optionData, drain, listing };
+  using Output = std::vector<std::byte>;
   struct OptionRow;
   static const OptionRow optionTable[];
-  struct Queries;
-  using Output = std::vector<std::byte>;
+  [[nodiscard]] static const OptionRow* findOption(Option option);
 
-  static const OptionRow* findOption(Option option);
-
+  // Collecting bytes.
   [[nodiscard]] std::size_t stageLength() const;
   [[nodiscard]] std::optional<Bytes> collect(Bytes& input, std::size_t length);
   bool runStage(Bytes& input, Output& output);
-  bool takeClientFlags(Bytes data);
-  bool takeOptionHeader(Bytes data, Output& output);
-  bool takeOptionData(Bytes data, Output& output);
+  void takeClientFlags(Bytes data);
+  void takeOptionHeader(Bytes data);
+  void takeOptionData(Bytes data, Output& output);
   bool drain(Bytes& input, Output& output);
   void answerDrained(Output& output);
-  void nextOption();
-  bool fail();
 
-  void replyHeader(Output& output, ReplyType type, std::size_t length) const;
-  void acknowledge(Output& output) const;
-  void refuse(Output& output, ReplyType type, std::string_view message) const;
-  void sendInfo(Output& output, const ExportView& view, Bytes requested) const;
-  void continueListing(Output& output);
-
+  // Handlers: each answers one option whose data have arrived.
   void exportName(Bytes data, Output& output);
   void abort(Bytes data, Output& output);
   void list(Bytes data, Output& output);
@@ -117,11 +109,16 @@ class ServerHandshake {
   void listMetaContext(Bytes data, Output& output);
   void setMetaContext(Bytes data, Output& output);
 
-  /// The export and the wanted information of INFO or GO, or nothing when the option was refused.
-  struct InfoRequest;
-  std::optional<InfoRequest> findForInfo(Bytes data, Output& output) const;
-  std::optional<Queries> parseQueries(Bytes data, Output& output) const;
+  // Their parts.
+  struct Described;
+  struct ContextRequest;
+  std::optional<Described> describe(Bytes data, Output& output);
+  std::optional<ContextRequest> readContextRequest(Bytes data, Output& output);
   void enterTransmission(ExportView view, std::string_view requestedName);
+  void continueListing(Output& output);
+  void startReply(Output& output, ReplyType type, std::size_t length) const;
+  void acknowledge(Output& output) const;
+  void refuse(Output& output, ReplyType type, std::string_view message) const;
   [[nodiscard]] std::uint16_t toldFlags(const ExportView& view) const;
 
   const ExportDirectory* directory_;
@@ -130,11 +127,12 @@ class ServerHandshake {
   State state_ = State::negotiating;
   Stage stage_ = Stage::clientFlags;
   Option option_{};                 // the one being read or answered
-  std::uint32_t optionLength_ = 0;  // its data, or what is left of them to drain
+  std::uint32_t optionLength_ = 0;  // of its data; while they are drained, what is left of them
   std::uint32_t optionCount_ = 0;
-  std::uint64_t received_ = 0;
-  std::vector<std::byte> partial_;  // the start of a stage whose end has not arrived
-  std::string contextExport_;       // the name that the context was selected for, as the client sent it
+  std::uint64_t announced_ = 0;  // bytes of all options so far
+  Output partial_;               // the start of a stage whose end has not arrived
+  Output whole_;                 // a stage that arrived in pieces, while it is looked at
+  std::string contextExport_;    // the name that contexts were selected for, as the client sent it
   bool allocationSelected_ = false;
   std::shared_ptr<const std::vector<ListedExport>> listing_;
   std::size_t listed_ = 0;
