@@ -12,13 +12,14 @@ std::span<char> Framing::prepare() {
     scanned_ -= taken_;
     taken_ = 0;
   }
-  // Grows with what has really arrived, so that a peer that promises nothing costs nothing.
-  constexpr std::size_t firstLength = 4096;
-  if (buffer_.size() - filled_ < firstLength) {
-    const std::size_t wanted = std::max(firstLength, 2 * filled_);
-    buffer_.resize(filled_ + std::min(wanted, std::max(filled_, receiveLength)));
-  }
+  if (buffer_.size() - filled_ < room_) buffer_.resize(filled_ + room_);
   return {buffer_.data() + filled_, buffer_.size() - filled_};
+}
+
+void Framing::commit(std::size_t count) {
+  filled_ += count;
+  // A peer that fills the room has more to say: fewer, larger pieces then cost less.
+  if (filled_ == buffer_.size()) room_ = std::min(2 * room_, greatestRoom);
 }
 
 std::optional<std::string_view> Framing::next() {
