@@ -14,7 +14,8 @@ EventLoop::EventLoop()
     throw std::system_error(errno, std::generic_category(), "cannot create an event loop");
   }
   epoll_event event{};
-  event.events = EPOLLIN;
+  // Edge-triggered: each write to it wakes the loop anew, so it need not be read.
+  event.events = EPOLLIN | EPOLLET;
   event.data.ptr = nullptr;
   if (::epoll_ctl(epoll_.number(), EPOLL_CTL_ADD, wake_.number(), &event) != 0) {
     throw std::system_error(errno, std::generic_category(), "cannot create an event loop");
@@ -101,10 +102,7 @@ void EventLoop::dispatch(int count) {
   while (!pending_.empty()) {
     const epoll_event event = pending_.front();
     pending_ = pending_.subspan(1);
-    if (event.data.ptr == nullptr) {
-      eventfd_t ignored = 0;
-      ::eventfd_read(wake_.number(), &ignored);
-    } else if (event.events != 0) {
+    if (event.data.ptr != nullptr && event.events != 0) {
       static_cast<EventHandler*>(event.data.ptr)->onEvents(event.events);
     }
   }

@@ -32,6 +32,9 @@ ssize_t Stream::receive(std::span<std::byte> buffer) {
     readable_ = readable_ && errno != EAGAIN;
     return -errno;
   }
+  // What arrives after a short read raises a new event. Only the peer's end may already stand behind the
+  // bytes just taken, and its event came with theirs.
+  readable_ = static_cast<std::size_t>(count) == buffer.size() || peerEnded_;
   return count;
 }
 
@@ -127,6 +130,7 @@ void Stream::onEvents(std::uint32_t events) {
   std::coroutine_handle<> writer;
   if ((events & (EPOLLIN | EPOLLRDHUP | ended)) != 0) {
     readable_ = true;
+    peerEnded_ = peerEnded_ || (events & (EPOLLRDHUP | ended)) != 0;
     reader = std::exchange(reader_, {});
   }
   if ((events & (EPOLLOUT | ended)) != 0) {

@@ -76,6 +76,7 @@ class Stream final : public EventHandler {
   int failure_ = 0;
   bool readable_ = true;
   bool writable_ = true;
+  bool peerEnded_ = false;
   bool readingInterrupted_ = false;
   bool writingInterrupted_ = false;
   std::coroutine_handle<> reader_;
