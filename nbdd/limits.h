@@ -1,0 +1,101 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+
+/// Every bound on what files, clients and time can make the service hold or wait for, with its reason.
+namespace Nbdd::Limits {
+
+// Configuration and state.
+
+/// Longest configuration file: a thousand times what a sensible one takes, and still parsed in milliseconds.
+inline constexpr std::size_t configurationLength = std::size_t{64} * 1024;
+
+/// Addresses in `listen`. Each takes a listening socket; no host has more addresses worth naming one by one.
+inline constexpr std::size_t listenAddresses = 64;
+
+/// Exports that one service holds: ten times what it is measured with. Every change writes the whole state
+/// file, so this also bounds how long a change takes.
+inline constexpr std::size_t exports = 100'000;
+
+/// Longest state file. An export takes some 250 bytes, so the bound above needs 25 MB; long paths may take ten
+/// times that.
+inline constexpr std::size_t stateLength = std::size_t{256} * 1024 * 1024;
+
+/// Longest name of an export in bytes: the NBD protocol's own bound on strings.
+inline constexpr std::size_t exportNameLength = 4096;
+
+/// Longest node path in bytes: PATH_MAX without its NUL.
+inline constexpr std::size_t nodePathLength = 4095;
+
+// Log.
+
+/// Lines of one kind within one window; the others are counted and said to have been left out.
+inline constexpr std::uint64_t logLinesPerKind = 20;
+inline constexpr std::chrono::seconds logWindow{10};
+
+/// Longest line: foreign text in it is at most a few names of 4096 bytes; more helps nobody.
+inline constexpr std::size_t logLineLength = std::size_t{8} * 1024;
+
+/// Size at which the log file of a service started on demand is put aside; one predecessor is kept.
+inline constexpr std::size_t logFileLength = std::size_t{1024} * 1024;
+
+// Time.
+
+/// How long a service that was started on demand stays when there is nothing to do.
+inline constexpr std::chrono::seconds idleTime{30};
+
+/// How long the end of the service waits for running requests after the first signal.
+inline constexpr std::chrono::seconds shutdownTime{20};
+
+/// Waits between two attempts to listen again after a restart: from the first to the longest, doubling.
+inline constexpr std::chrono::milliseconds listenRetryFirst{500};
+inline constexpr std::chrono::milliseconds listenRetryLongest{30'000};
+
+// Connections of NBD clients.
+
+/// Open connections, those in the handshake included. Ten thousand idle ones shall stand; more than this
+/// many is a mistake or an attack, and the excess is closed at once.
+inline constexpr std::size_t connections = 16 * 1024;
+
+/// Connections that wait to be accepted; the kernel cuts it down to its own limit.
+inline constexpr int listenBacklog = 4096;
+
+/// A handshake takes a few round trips. Whoever has not finished by then is disconnected.
+inline constexpr std::chrono::seconds handshakeTime{30};
+
+/// How long an ended session may take to send its last replies to a client that does not read.
+inline constexpr std::chrono::seconds lastRepliesTime{5};
+
+/// A client that has begun to send the data of a write and then sends nothing for so long is disconnected.
+inline constexpr std::chrono::seconds payloadStallTime{60};
+
+/// Bytes taken from a connection in one turn of the loop: some sixty writes of 4 KiB.
+inline constexpr std::size_t inputBatch = std::size_t{256} * 1024;
+
+/// Bytes of replies that one turn collects before it sends.
+inline constexpr std::size_t replyBatch = std::size_t{512} * 1024;
+
+/// Replies that wait for a slow reader: beyond this much memory none of its requests is begun.
+inline constexpr std::size_t pendingReplies = std::size_t{1024} * 1024;
+
+/// Requests of one connection that wait for storage at the same time. Deeper queues make no disk faster.
+inline constexpr std::size_t requestsInFlight = 256;
+
+/// Payload memory of one connection: a write and a read of the largest size.
+inline constexpr std::size_t connectionPayload = std::size_t{64} * 1024 * 1024;
+
+/// Payloads up to this size are always taken; larger ones share `workerPayload`.
+inline constexpr std::size_t smallPayload = std::size_t{256} * 1024;
+
+/// Memory for large payloads of all connections of one worker together. The rest waits its turn.
+inline constexpr std::size_t workerPayload = std::size_t{256} * 1024 * 1024;
+
+/// Extents looked for in one BLOCK_STATUS request; the client asks again where the answer ends.
+inline constexpr std::size_t extentsPerReply = 8192;
+
+/// Threads for calls that block, in all: as many requests a disk sees at once without io_uring.
+inline constexpr std::size_t poolThreads = 64;
+
+}  // namespace Nbdd::Limits
