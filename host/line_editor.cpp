@@ -33,6 +33,7 @@ std::unique_ptr<LineEditor> LineEditor::create() {
   if (!history || !editor) {
     return nullptr;
   }
+  // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): the constructor is private
   return std::unique_ptr<LineEditor>(new LineEditor(std::move(editor), std::move(history)));
 }
 
@@ -40,8 +41,8 @@ LineEditor::LineEditor(std::unique_ptr<EditLine, Closer> editor, std::unique_ptr
     : history_(std::move(history)), editor_(std::move(editor)) {
   EditLine* const el = editor_.get();
   HistEvent event;
-  history(history_.get(), &event, H_SETSIZE, historyLimit);
-  history(history_.get(), &event, H_SETUNIQUE, 1);
+  ::history(history_.get(), &event, H_SETSIZE, historyLimit);
+  ::history(history_.get(), &event, H_SETUNIQUE, 1);
   el_set(el, EL_CLIENTDATA, this);
   el_set(el, EL_EDITOR, "emacs");
   el_set(el, EL_PROMPT, &LineEditor::drawPrompt);
@@ -91,7 +92,7 @@ LineEditor::Result LineEditor::read(std::string prompt, const std::string& initi
   }
   if (!line.empty()) {
     HistEvent event;
-    history(history_.get(), &event, H_ENTER, line.c_str());
+    ::history(history_.get(), &event, H_ENTER, line.c_str());
   }
   return {Ending::entered, std::move(line)};
 }

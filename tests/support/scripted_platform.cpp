@@ -159,7 +159,8 @@ void setExitCode(unsigned int code) {
 namespace Heap {
 
 void* alloc(std::size_t size) noexcept {
-  return Platform::current().takeHeapBlock() ? std::malloc(size) : nullptr;  // NOLINT(cppcoreguidelines-owning-memory)
+  return Platform::current().takeHeapBlock() ? std::malloc(size)
+                                             : nullptr;  // NOLINT(cppcoreguidelines-owning-memory)
 }
 
 void free(void* memory) noexcept {
@@ -200,7 +201,9 @@ std::uint32_t argCount() { return static_cast<std::uint32_t>(Platform::current()
 
 Ref<String> arg(std::uint32_t index) {
   const auto& arguments = Platform::current().arguments;
-  return index == 0 ? Support::text("nbdctl") : index <= arguments.size() ? Support::text(arguments[index - 1]) : nullptr;
+  return index == 0                  ? Support::text("nbdctl")
+         : index <= arguments.size() ? Support::text(arguments[index - 1])
+                                     : nullptr;
 }
 
 }  // namespace Binary

@@ -11,10 +11,10 @@
 
 #include "platform/nbd_service.h"
 
-// A platform for the utility to run on in tests. A test writes down what the operator types and what the service
-// answers, and then compares one journal: every byte that the program printed with, in braces and at the place where it
-// was made, every call on the platform that it made. So a journal tells the bytes, the calls, their order, and what
-// was on the screen when each call was made:
+// A platform for the utility to run on in tests. A test writes down what the operator types and what the
+// service answers, and then compares one journal: every byte that the program printed with, in braces and at
+// the place where it was made, every call on the platform that it made. So a journal tells the bytes, the
+// calls, their order, and what was on the screen when each call was made:
 //
 //     Platform platform;
 //     platform.fail("exportEnable", 0x2A);
@@ -25,8 +25,8 @@
 
 namespace Support {
 
-/// What the service holds. An operation fails if `Platform::fail` names it; one that asks for an ID that is not here
-/// fails too, with the code `unknownID`.
+/// What the service holds. An operation fails if `Platform::fail` names it; one that asks for an ID that is
+/// not here fails too, with the code `unknownID`.
 struct Script {
   static constexpr std::uint32_t unknownID = 0xDEAD;
 
@@ -78,8 +78,8 @@ class Platform {
 
   Script script;
 
-  /// Makes an operation fail from now on, with `code` as the reason. "initCommandline" and "create" are operations
-  /// too, the latter that of the service.
+  /// Makes an operation fail from now on, with `code` as the reason. "initCommandline" and "create" are
+  /// operations too, the latter that of the service.
   void fail(const std::string& operation, std::uint32_t code = 0) { failures_[operation] = code; }
 
   /// Has the calls of the initialisation lock and the heap written into the journal as well.
@@ -93,8 +93,8 @@ class Platform {
   /// Runs the handler of the command that `line` begins with, with its other words.
   Answer run(std::string_view line);
 
-  /// Runs the whole program, reason 1 then reason 0, with an operator who types `lines` and then ends the input.
-  /// Returns the journal.
+  /// Runs the whole program, reason 1 then reason 0, with an operator who types `lines` and then ends the
+  /// input. Returns the journal.
   std::string runSession(std::vector<std::string> lines);
 
   /// Runs the whole program with `arguments` behind the program's name. Returns the journal.

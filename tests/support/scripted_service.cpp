@@ -35,7 +35,8 @@ std::optional<Value> find(Platform& platform, const std::map<std::uint32_t, Valu
 template <class ID>
 void fill(std::vector<ID>& ids, const std::vector<std::uint32_t>& numbers) {
   EXPECT_TRUE(ids.empty()) << "the vector is to be passed empty";
-  std::ranges::transform(numbers, std::back_inserter(ids), [](std::uint32_t id) { return static_cast<ID>(id); });
+  std::ranges::transform(numbers, std::back_inserter(ids),
+                         [](std::uint32_t id) { return static_cast<ID>(id); });
 }
 
 /// Fills a vector whether the operation succeeds or not: after a failure its content must not be looked at.
@@ -135,8 +136,9 @@ bool ScriptedService::exportGetStatistics(ExportID id, ExportStatistics& statist
 std::optional<ExportID> ScriptedService::exportAdd(const ExportDescriptor& descriptor) {
   const bool success =
       answer("exportAdd", "name=" + word(descriptor.name) + " node=" + word(descriptor.node) +
-                              " flags=" + std::to_string(descriptor.flags) + " elements=" +
-                              std::to_string(descriptor.elemCount) + "*" + std::to_string(descriptor.elemSize));
+                              " flags=" + std::to_string(descriptor.flags) +
+                              " elements=" + std::to_string(descriptor.elemCount) + "*" +
+                              std::to_string(descriptor.elemSize));
   return success ? std::optional(static_cast<ExportID>(platform_.script.addedID)) : std::nullopt;
 }
 
@@ -161,8 +163,9 @@ std::optional<ImportInfo> ScriptedService::importInfo(ImportID id) {
 }
 
 std::optional<ImportID> ScriptedService::importAdd(const ImportDescriptor& descriptor) {
-  const bool success = answer("importAdd", "name=" + word(descriptor.name) + " server=" + word(descriptor.server) +
-                                               " flags=" + std::to_string(descriptor.flags));
+  const bool success =
+      answer("importAdd", "name=" + word(descriptor.name) + " server=" + word(descriptor.server) +
+                              " flags=" + std::to_string(descriptor.flags));
   return success ? std::optional(static_cast<ImportID>(platform_.script.addedID)) : std::nullopt;
 }
 
@@ -175,7 +178,8 @@ bool ScriptedService::importDisable(ImportID id, bool force) {
 bool ScriptedService::importRemove(ImportID id) { return answer("importRemove", number(id)); }
 
 std::optional<Variant> ScriptedService::importListNodeInterfaces(ImportID id) {
-  return answer("importListNodeInterfaces", number(id)) ? std::optional(platform_.script.nodeInterfaces) : std::nullopt;
+  return answer("importListNodeInterfaces", number(id)) ? std::optional(platform_.script.nodeInterfaces)
+                                                        : std::nullopt;
 }
 
 bool ScriptedService::importEnableTransferCompression(bool enable) {
