@@ -61,12 +61,6 @@ Result<Client> Client::connect(const std::string& path, Clock::time_point deadli
   return Client(std::move(socket));
 }
 
-bool Client::isStale() const {
-  if (!socket_) return true;
-  pollfd entry{.fd = socket_.number(), .events = POLLIN | POLLRDHUP, .revents = 0};
-  return ::poll(&entry, 1, 0) > 0;
-}
-
 Result<void> Client::enqueue(JsonWriter writer) {
   if (writer.sawInvalidText()) return failure(FailureCode::invalidArgument, "a text is not valid UTF-8");
   if (writer.depth() > Limits::depth) return failure(FailureCode::invalidArgument, "a value nests too deep");

@@ -55,9 +55,8 @@ class Client {
   /// Whether calls can be made.
   bool isOpen() const { return static_cast<bool>(socket_); }
 
-  /// Whether the service has gone away, or has said something unasked. Does not wait. True of a closed
-  /// client.
-  bool isStale() const;
+  /// Whether the next message has arrived already, so that receiving it does not wait.
+  bool hasMessage() { return framing_.hasMessage(); }
 
   void close() { socket_.reset(); }
 

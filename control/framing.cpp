@@ -22,22 +22,24 @@ void Framing::commit(std::size_t count) {
   if (filled_ == buffer_.size()) room_ = std::min(2 * room_, greatestRoom);
 }
 
+bool Framing::hasMessage() {
+  const std::size_t end = findEnd();
+  return !tooLong_ && end < filled_;
+}
+
 std::optional<std::string_view> Framing::next() {
-  if (tooLong_) return std::nullopt;
-  const std::size_t end = std::string_view(buffer_).substr(0, filled_).find('\0', scanned_);
-  const bool complete = end != std::string_view::npos;
-  const std::size_t length = (complete ? end : filled_) - taken_;
-  if (length > longest_) {
-    tooLong_ = true;
-    return std::nullopt;
-  }
-  if (!complete) {
-    scanned_ = filled_;
-    return std::nullopt;
-  }
-  const std::string_view message(buffer_.data() + taken_, length);
+  const std::size_t end = findEnd();
+  if (tooLong_ || end == filled_) return std::nullopt;
+  const std::string_view message(buffer_.data() + taken_, end - taken_);
   taken_ = scanned_ = end + 1;
   return message;
+}
+
+// Where the NUL stands that ends the next message, or the end of what has arrived.
+std::size_t Framing::findEnd() {
+  scanned_ = std::min(filled_, std::string_view(buffer_).substr(0, filled_).find('\0', scanned_));
+  tooLong_ = tooLong_ || scanned_ - taken_ > longest_;
+  return scanned_;
 }
 
 }  // namespace Control

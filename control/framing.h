@@ -25,6 +25,9 @@ class Framing {
   /// The next complete message, without its NUL; good until `prepare`. Nothing when none is complete.
   std::optional<std::string_view> next();
 
+  /// Whether `next` would give a message.
+  bool hasMessage();
+
   /// Whether the message at the head of the stream is longer than allowed; `next` gives nothing from then on.
   bool isTooLong() const { return tooLong_; }
 
@@ -36,6 +39,8 @@ class Framing {
   bool hasPartialMessage() const { return arrived() > 0; }
 
  private:
+  std::size_t findEnd();
+
   static constexpr std::size_t firstRoom = 4096;
   static constexpr std::size_t greatestRoom = std::size_t{64} * 1024;
 
