@@ -1,0 +1,160 @@
+#include "nbdd/config/configuration.h"
+
+#include <arpa/inet.h>
+#include <fmt/core.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <optional>
+#include <system_error>
+#include <utility>
+
+#include "nbdd/config/read_file.h"
+#include "nbdd/limits.h"
+#include "nbdd/log/log.h"
+
+// Errors as values, and the library's code in this file alone.
+#define TOML_EXCEPTIONS 0
+#define TOML_ENABLE_FORMATTERS 0
+#include <toml++/toml.h>
+
+namespace Nbdd {
+
+namespace {
+
+using Failure = std::unexpected<std::string>;
+
+/// One place in the file, as compilers write it.
+Failure failAt(std::string_view file, const toml::source_region& source, std::string_view sentence) {
+  return Failure(fmt::format("{}:{}:{}: {}", file, source.begin.line, source.begin.column, sentence));
+}
+
+/// The canonical text of a numeric address, its zone kept; nothing if it is none.
+std::optional<std::string> canonicalAddress(std::string_view text) {
+  const std::size_t percent = text.find('%');
+  const std::string address(text.substr(0, percent));
+  if (address.size() != std::min(text.size(), percent) || address.find('\0') != std::string::npos) return {};
+  std::array<unsigned char, sizeof(in6_addr)> octets{};
+  std::array<char, INET6_ADDRSTRLEN> printed{};
+  for (const int family : {AF_INET, AF_INET6}) {
+    if (::inet_pton(family, address.c_str(), octets.data()) != 1) continue;
+    if (::inet_ntop(family, octets.data(), printed.data(), printed.size()) == nullptr) return {};
+    if (percent == std::string_view::npos) return printed.data();
+    const std::string_view zone = text.substr(percent + 1);
+    if (family == AF_INET || zone.empty() || zone.find('\0') != std::string_view::npos) return {};
+    return fmt::format("{}%{}", printed.data(), zone);
+  }
+  return {};
+}
+
+std::expected<std::vector<std::string>, std::string> readListen(const toml::node& node,
+                                                                std::string_view file) {
+  const toml::array* const array = node.as_array();
+  if (array == nullptr) {
+    return failAt(file, node.source(),
+                  "'listen' must be an array of addresses: write listen = [\"192.0.2.1\"]");
+  }
+  if (array->empty()) {
+    return failAt(file, node.source(),
+                  "'listen' names no address: take the line out to listen on all, or name one");
+  }
+  if (array->size() > Limits::listenAddresses) {
+    return failAt(file, node.source(),
+                  fmt::format("'listen' names more than {} addresses: take the line out to listen on all",
+                              Limits::listenAddresses));
+  }
+  std::vector<std::string> addresses;
+  for (const toml::node& element : *array) {
+    const std::optional<std::string_view> text = element.value_exact<std::string_view>();
+    if (!text) {
+      return failAt(file, element.source(), "an address in 'listen' must be a text: put it in quotes");
+    }
+    std::optional<std::string> address = canonicalAddress(*text);
+    if (!address) {
+      return failAt(file, element.source(),
+                    fmt::format("\"{}\" is no IPv4 or IPv6 address: write it in numbers, without a port",
+                                escaped(*text)));
+    }
+    if (std::ranges::find(addresses, *address) != addresses.end()) {
+      return failAt(file, element.source(), fmt::format("{} is listed twice: take one out", *address));
+    }
+    addresses.push_back(std::move(*address));
+  }
+  return addresses;
+}
+
+std::expected<std::uint16_t, std::string> readPort(const toml::node& node, std::string_view file) {
+  const std::optional<std::int64_t> number = node.value_exact<std::int64_t>();
+  if (!number || *number < 0 || *number > 65'535) {
+    return failAt(file, node.source(),
+                  "'port' must be a whole number from 0 to 65535: 10809 is NBD's own, 0 takes any free one");
+  }
+  return static_cast<std::uint16_t>(*number);
+}
+
+std::expected<void, std::string> readServer(const toml::table& table, std::string_view file,
+                                            Configuration& configuration) {
+  for (const auto& [key, node] : table) {
+    if (key == "listen") {
+      auto listen = readListen(node, file);
+      if (!listen) return Failure(std::move(listen.error()));
+      configuration.listen = std::move(*listen);
+    } else if (key == "port") {
+      auto port = readPort(node, file);
+      if (!port) return Failure(std::move(port.error()));
+      configuration.port = *port;
+    } else {
+      return failAt(
+          file, key.source(),
+          fmt::format("there is no setting '{}' in [server]: take it out, or write 'listen' or 'port'",
+                      escaped(key.str())));
+    }
+  }
+  return {};
+}
+
+}  // namespace
+
+std::expected<Configuration, std::string> parseConfiguration(std::string_view text, std::string_view file) {
+  if (text.size() > Limits::configurationLength) {
+    return Failure(fmt::format("{}: the file is longer than {} bytes: make it shorter", file,
+                               Limits::configurationLength));
+  }
+  const toml::parse_result parsed = toml::parse(text, file);
+  if (!parsed) {
+    const toml::parse_error& error = parsed.error();
+    return failAt(file, error.source(),
+                  fmt::format("this is not TOML ({}): correct it", escaped(error.description())));
+  }
+  Configuration configuration;
+  for (const auto& [key, node] : parsed.table()) {
+    if (key != "server") {
+      return failAt(
+          file, key.source(),
+          fmt::format("there is no section or setting '{}': take it out, or put settings in [server]",
+                      escaped(key.str())));
+    }
+    const toml::table* const server = node.as_table();
+    if (server == nullptr) {
+      return failAt(file, node.source(), "'server' must be a section: write [server] above its settings");
+    }
+    if (auto read = readServer(*server, file, configuration); !read) return Failure(std::move(read.error()));
+  }
+  return configuration;
+}
+
+std::expected<Configuration, std::string> loadConfiguration(const std::filesystem::path& file,
+                                                            bool required) {
+  const auto text = readFile(file, Limits::configurationLength);
+  if (text) return parseConfiguration(*text, file.native());
+  if (text.error() == ENOENT && !required) return Configuration{};
+  if (text.error() == EFBIG) {
+    return Failure(fmt::format("{}: the file is longer than {} bytes: make it shorter", file.native(),
+                               Limits::configurationLength));
+  }
+  return Failure(fmt::format("{}: the configuration cannot be read ({}): correct that, or take the file away",
+                             file.native(), std::generic_category().message(text.error())));
+}
+
+}  // namespace Nbdd
