@@ -1,0 +1,190 @@
+#include "nbdd/state/saved_state.h"
+
+#include <fmt/core.h>
+
+#include <algorithm>
+#include <array>
+#include <limits>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <span>
+#include <unordered_set>
+#include <utility>
+
+#include "control/json_writer.h"
+#include "nbdd/exports/identity.h"
+#include "nbdd/limits.h"
+
+namespace Nbdd {
+
+namespace {
+
+using Json = nlohmann::json;
+using Failure = std::unexpected<std::string>;
+
+constexpr std::string_view formatName = "org.talvek.NBD.state";
+constexpr std::uint64_t formatVersion = 1;
+
+constexpr std::array exportMembers{"id",   "name",      "node",     "readOnly",
+                                   "uuid", "elemCount", "elemSize", "wanted"};
+constexpr std::array serverMembers{"uuid", "started"};
+constexpr std::array stateMembers{"format", "version", "server", "nextExportId", "exports"};
+
+constexpr std::array<std::pair<std::string_view, Wanted>, 3> wantedWords{{
+    {"added", Wanted::added},
+    {"enabled", Wanted::enabled},
+    {"disabled", Wanted::disabled},
+}};
+
+std::string exportLine(const SavedExport& saved) {
+  Control::JsonWriter writer;
+  writer.beginObject();
+  writer.key("id");
+  writer.number(static_cast<std::uint32_t>(saved.id));
+  writer.key("name");
+  writer.string(saved.name);
+  writer.key("node");
+  writer.string(saved.node);
+  writer.key("readOnly");
+  writer.boolean(saved.flags.has(Control::ExportFlag::readOnly));
+  writer.key("uuid");
+  writer.string(saved.uuid);
+  writer.key("elemCount");
+  writer.number(saved.elemCount);
+  writer.key("elemSize");
+  writer.number(saved.elemSize);
+  writer.key("wanted");
+  writer.string(
+      std::ranges::find(wantedWords, saved.wanted, [](const auto& row) { return row.second; })->first);
+  writer.endObject();
+  return writer.take();
+}
+
+/// Whether `value` is an object of exactly these members.
+bool hasExactly(const Json& value, std::span<const char* const> members) {
+  return value.is_object() && value.size() == members.size() &&
+         std::ranges::all_of(members, [&](const char* name) { return value.contains(name); });
+}
+
+std::optional<std::uint64_t> wholeNumber(const Json& value) {
+  if (!value.is_number_unsigned()) return {};
+  return value.get<std::uint64_t>();
+}
+
+std::optional<Wanted> wantedFrom(const Json& value) {
+  if (!value.is_string()) return {};
+  const auto row = std::ranges::find(wantedWords, std::string_view(value.get_ref<const std::string&>()),
+                                     [](const auto& candidate) { return candidate.first; });
+  if (row == wantedWords.end()) return {};
+  return row->second;
+}
+
+std::expected<SavedExport, std::string> exportFrom(const Json& value) {
+  if (!hasExactly(value, exportMembers)) {
+    return Failure("has an export with a member too many or too few");
+  }
+  const std::optional<std::uint64_t> id = wholeNumber(value["id"]);
+  if (!id || *id == 0 || *id > std::numeric_limits<std::uint32_t>::max()) {
+    return Failure("has an export whose ID is no number from 1 to 4294967295");
+  }
+  const std::optional<Wanted> wanted = wantedFrom(value["wanted"]);
+  const std::optional<std::uint64_t> elemCount = wholeNumber(value["elemCount"]);
+  const std::optional<std::uint64_t> elemSize = wholeNumber(value["elemSize"]);
+  const bool typesFit = value["name"].is_string() && value["node"].is_string() && value["uuid"].is_string() &&
+                        value["readOnly"].is_boolean() && wanted && elemCount && elemSize;
+  if (!typesFit) return Failure(fmt::format("has a value of the wrong kind in the export with ID {}", *id));
+  SavedExport saved;
+  saved.id = static_cast<Control::ExportId>(*id);
+  saved.name = value["name"].get_ref<const std::string&>();
+  saved.node = value["node"].get_ref<const std::string&>();
+  saved.uuid = value["uuid"].get_ref<const std::string&>();
+  if (value["readOnly"].get<bool>()) saved.flags.set(Control::ExportFlag::readOnly);
+  saved.elemCount = *elemCount;
+  saved.elemSize = *elemSize;
+  saved.wanted = *wanted;
+  if (!isExportName(saved.name) || !isNodePath(saved.node) || !isUuid(saved.uuid)) {
+    return Failure(
+        fmt::format("has a name, node or UUID that no export can have, in the export with ID {}", *id));
+  }
+  if (saved.elemSize == 0 || saved.elemCount > std::numeric_limits<std::uint64_t>::max() / saved.elemSize) {
+    return Failure(fmt::format("has a size that no node can have, in the export with ID {}", *id));
+  }
+  return saved;
+}
+
+std::expected<void, std::string> readExports(const Json& list, SavedState& state) {
+  if (!list.is_array()) return Failure("has no list of exports");
+  if (list.size() > Limits::exports) return Failure(fmt::format("has more than {} exports", Limits::exports));
+  state.exports.reserve(list.size());
+  std::unordered_set<std::string> names;
+  std::uint64_t last = 0;
+  for (const Json& value : list) {
+    auto saved = exportFrom(value);
+    if (!saved) return Failure(std::move(saved.error()));
+    const auto id = static_cast<std::uint32_t>(saved->id);
+    if (id <= last || id >= state.nextExportId) {
+      return Failure(fmt::format("has the export with ID {} out of order", id));
+    }
+    last = id;
+    if (!names.insert(saved->name).second) {
+      return Failure(fmt::format("has a second export of the same name, with ID {}", id));
+    }
+    state.exports.push_back(std::move(*saved));
+  }
+  return {};
+}
+
+}  // namespace
+
+std::string printState(const SavedState& state) {
+  Control::JsonWriter server;
+  server.beginObject();
+  server.key("uuid");
+  server.string(state.serverUuid);
+  server.key("started");
+  server.boolean(state.serverStarted);
+  server.endObject();
+  std::string text =
+      fmt::format("{{\"format\":\"{}\",\"version\":{},\n\"server\":{},\n\"nextExportId\":{},\n\"exports\":[",
+                  formatName, formatVersion, server.take(), state.nextExportId);
+  for (bool first = true; const SavedExport& saved : state.exports) {
+    text += std::exchange(first, false) ? "\n" : ",\n";
+    text += exportLine(saved);
+  }
+  text += "\n]}\n";
+  return text;
+}
+
+std::expected<SavedState, std::string> parseState(std::string_view text) {
+  const Json root = Json::parse(text, nullptr, false);
+  if (root.is_discarded()) return Failure("is not whole");
+  if (!root.is_object() || !root.contains("format") || root["format"] != formatName) {
+    return Failure("is no state file of nbdd");
+  }
+  const std::optional<std::uint64_t> version =
+      root.contains("version") ? wholeNumber(root["version"]) : std::nullopt;
+  if (!version || *version == 0) return Failure("does not say its version");
+  if (*version > formatVersion) {
+    return Failure(fmt::format("was written by a newer nbdd (its version is {}, this nbdd reads {})",
+                               *version, formatVersion));
+  }
+  if (!hasExactly(root, stateMembers)) {
+    return Failure("has other members than format, version, server, nextExportId and exports");
+  }
+  const Json& server = root["server"];
+  if (!hasExactly(server, serverMembers) || !server["uuid"].is_string() || !server["started"].is_boolean() ||
+      !isUuid(server["uuid"].get_ref<const std::string&>())) {
+    return Failure("does not say the server's UUID and whether it was started");
+  }
+  SavedState state;
+  state.serverUuid = server["uuid"].get_ref<const std::string&>();
+  state.serverStarted = server["started"].get<bool>();
+  const std::optional<std::uint64_t> next = wholeNumber(root["nextExportId"]);
+  constexpr std::uint64_t usedUp = std::uint64_t{std::numeric_limits<std::uint32_t>::max()} + 1;
+  if (!next || *next == 0 || *next > usedUp) return Failure("does not say the next export's ID");
+  state.nextExportId = *next;
+  if (auto read = readExports(root["exports"], state); !read) return Failure(std::move(read.error()));
+  return state;
+}
+
+}  // namespace Nbdd

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <cstdint>
+#include <expected>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "control/records.h"
+
+namespace Nbdd {
+
+/// What the operator last asked of an export: the part of its state that outlives the service.
+enum class Wanted { added, enabled, disabled };
+
+/// One export as the state file holds it.
+struct SavedExport {
+  Control::ExportId id{};
+  std::string name;
+  std::string node;
+  Control::Flags<Control::ExportFlag> flags;
+  std::string uuid;
+  /// The node's size when it was last opened: their product is the size in bytes.
+  std::uint64_t elemCount = 0;
+  std::uint64_t elemSize = 1;
+  Wanted wanted = Wanted::added;
+
+  friend bool operator==(const SavedExport&, const SavedExport&) = default;
+};
+
+/// Everything that survives the end of the service.
+struct SavedState {
+  std::string serverUuid;
+  bool serverStarted = false;
+  /// The ID of the next export: greater than any that was ever given. 64 bits wide, so that it can say that
+  /// all are used up.
+  std::uint64_t nextExportId = 1;
+  /// In ascending order of IDs, which is the order in which they were added.
+  std::vector<SavedExport> exports;
+
+  friend bool operator==(const SavedState&, const SavedState&) = default;
+};
+
+/// The JSON text of the state file, one line for each export, with a line end at its end.
+std::string printState(const SavedState& state);
+
+/// Reads the text of a state file. Strict: whatever `printState` would not have written in meaning (another
+/// version, a member too many or too few, an ID or a name given twice, a text that no export can have) is a
+/// failure, told in words that complete "the state file … ". Never guesses: a half-read state would forget
+/// exports. Linear in the text's length.
+std::expected<SavedState, std::string> parseState(std::string_view text);
+
+}  // namespace Nbdd
