@@ -17,8 +17,8 @@ namespace Nbd {
 /// What a server told us about one of its exports. Strings are strings of the protocol (isWireString()), but
 /// may still hold what a terminal must not see.
 struct RemoteExport {
-  std::string name;  // as it was asked for or listed; the canonical one where the server gave it
-  std::string description;
+  std::string name = {};  // as it was asked for or listed; the canonical one where the server gave it
+  std::string description = {};
   std::optional<std::uint64_t> size;    // bytes; nothing if the export was only listed
   std::uint16_t transmissionFlags = 0;  // TransmissionFlag; may hold unknown bits, to be ignored
   std::uint32_t minimumBlock = 1;       // bytes; we ask for the sizes and are bound to them
@@ -44,7 +44,7 @@ class ClientHandshake {
   /// What the client wants. What it wants but the server does not have is left out, except the export itself.
   struct Wish {
     Goal goal = Goal::transmission;
-    std::string exportName;  // a string of the protocol; empty for the server's default
+    std::string exportName = {};  // a string of the protocol; empty for the server's default
     bool structuredReplies = true;
     bool allocationContext = true;  // needs structuredReplies
     bool noZeroes = true;
@@ -74,7 +74,7 @@ class ClientHandshake {
   struct Failure {
     bool isRefusal = false;  // the server said no, politely; otherwise it broke the protocol
     ReplyType reply = ReplyType::unsupported;  // what it said; of a refusal only
-    std::string message;                       // for people; may quote the server
+    std::string message = {};                  // for people; may quote the server
   };
 
   explicit ClientHandshake(Wish wish);

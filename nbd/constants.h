@@ -8,14 +8,12 @@
 /// of the NBD project).
 namespace Nbd {
 
-// Magic words.
-inline constexpr std::uint64_t greetingMagic =
-    0x4e42'444d'4147'4943;  // "NBDMAGIC", first word of the greeting
-inline constexpr std::uint64_t optionMagic =
-    0x4948'4156'454f'5054;  // "IHAVEOPT", its second word, and every option
+// Magic words. The greeting is "NBDMAGIC" and "IHAVEOPT"; the latter stands before each option too.
+inline constexpr std::uint64_t greetingMagic = 0x4e42'444d'4147'4943;
+inline constexpr std::uint64_t optionMagic = 0x4948'4156'454f'5054;
 inline constexpr std::uint64_t oldstyleMagic =
     0x0000'4202'8186'1253;  // second word of the obsolete handshake
-inline constexpr std::uint64_t optionReplyMagic = 0x0003'e889'0455'65a9;  // every reply to an option
+inline constexpr std::uint64_t optionReplyMagic = 0x0003'e889'0455'65a9;
 inline constexpr std::uint32_t requestMagic = 0x2560'9513;
 inline constexpr std::uint32_t simpleReplyMagic = 0x6744'6698;
 inline constexpr std::uint32_t chunkMagic = 0x668e'33ef;  // a chunk of a structured reply

@@ -13,22 +13,20 @@ namespace Nbd {
 
 /// What the handshake tells a client about one export, as it is at that moment.
 struct ExportView {
-  std::string name;         // the canonical one; a string of the protocol (isWireString())
-  std::string description;  // for people; likewise, may be empty
-  std::uint64_t size = 0;   // bytes
-  std::uint16_t transmissionFlags =
-      0;  // what the export can do; DF is dropped where structured replies were not agreed on
+  std::string name = {};                      // the canonical one; a string of the protocol (isWireString())
+  std::string description = {};               // for people; likewise, may be empty
+  std::uint64_t size = 0;                     // bytes
+  std::uint16_t transmissionFlags = 0;        // what it can do; clients without structured replies hear no DF
   std::uint32_t minimumBlock = 1;             // bytes, a power of two up to 65,536
   std::uint32_t preferredBlock = 4096;        // bytes, a power of two, at least 512 and the minimum
   std::uint32_t maximumPayload = maxPayload;  // bytes in one READ or WRITE, at least 1 MiB
-  std::shared_ptr<void>
-      handle;  // what the directory needs to serve it; kept alive by the agreement, not looked at
+  std::shared_ptr<void> handle = {};  // what serves it; kept alive by the agreement, not looked at here
 };
 
 /// One line of a listing.
 struct ListedExport {
-  std::string name;
-  std::string description;
+  std::string name = {};
+  std::string description = {};
 };
 
 /// The exports that one client may see. Asked on the connection's thread, possibly on many at once; must not

@@ -21,8 +21,8 @@ inline constexpr std::uint32_t maxOptionDrained = 1024 * 1024;
 // point.
 inline constexpr std::uint32_t maxOptionsPerConnection = 16 * 1024;
 
-// All bytes of one client's handshake together. Room for all options that make
-// sense, and for seven to read past of the largest size.
+// All bytes of one client's handshake together: the options that make sense, and a few large ones to read
+// past.
 inline constexpr std::uint64_t maxHandshakeBytes = 8 * std::uint64_t{maxOptionDrained};
 
 // Metadata context queries in one option. There is one context to select, clients send one to three queries.

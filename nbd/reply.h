@@ -136,7 +136,7 @@ struct Hole {
 
 struct ErrorChunk {
   Error error = Error::inval;           // never `none`
-  std::string_view message;             // in the payload; neither UTF-8 nor harmless to a terminal
+  std::string_view message = {};        // in the payload; neither UTF-8 nor harmless to a terminal
   std::optional<std::uint64_t> offset;  // of ERROR_OFFSET
 };
 

@@ -29,16 +29,16 @@ constexpr std::uint16_t offered =
     Nbd::TransmissionFlag::hasFlags | Nbd::TransmissionFlag::sendFlush | Nbd::TransmissionFlag::sendDf;
 constexpr std::uint16_t offeredWithoutDf = offered & ~Nbd::TransmissionFlag::sendDf;
 
-const Nbd::ExportView disk{.name = "disk",
-                           .description = "the first disk",
-                           .size = 0x1'0000'0200,
-                           .transmissionFlags = offered,
-                           .minimumBlock = 512,
-                           .preferredBlock = 4096,
-                           .maximumPayload = Nbd::maxPayload,
-                           .handle = nullptr};
-const Nbd::ExportView tape{
-    .name = "tape", .description = "", .size = 0, .transmissionFlags = 0, .handle = nullptr};
+const Nbd::ExportView disk{
+    .name = "disk",
+    .description = "the first disk",
+    .size = 0x1'0000'0200,
+    .transmissionFlags = offered,
+    .minimumBlock = 512,
+    .preferredBlock = 4096,
+    .maximumPayload = Nbd::maxPayload,
+};
+const Nbd::ExportView tape{.name = "tape", .description = "", .size = 0, .transmissionFlags = 0};
 
 Wire::Directory twoExports() {
   Wire::Directory directory;
@@ -444,8 +444,7 @@ TEST(ServerList, MayBeForbidden) {
 TEST(ServerList, TenThousandExportsLeaveInSmallSteps) {
   Wire::Directory directory;
   for (int index = 0; index < 10'000; ++index) {
-    directory.add(
-        {.name = "export-" + std::to_string(index), .description = std::string(100, 'd'), .handle = nullptr});
+    directory.add({.name = "export-" + std::to_string(index), .description = std::string(100, 'd')});
   }
   const Conversation conversation(join({option(Option::list), option(Option::abort)}), {},
                                   Wire::clientFlags(), std::move(directory));

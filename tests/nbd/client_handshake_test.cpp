@@ -1,0 +1,311 @@
+#include "nbd/client_handshake.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "nbd/limits.h"
+#include "tests/support/wire.h"
+
+namespace {
+
+using namespace std::string_literals;
+using Nbd::ClientHandshake;
+using Nbd::InfoType;
+using Nbd::Option;
+using Nbd::ReplyType;
+using Goal = ClientHandshake::Goal;
+using State = ClientHandshake::State;
+using Wire::Buffer;
+using Wire::counted;
+using Wire::infoData;
+using Wire::join;
+using Wire::number;
+using Wire::option;
+using Wire::reply;
+using Wire::text;
+
+Buffer greeting(std::uint16_t flags = 3) { return join({text("NBDMAGICIHAVEOPT"), number(flags)}); }
+
+Buffer exportInfo(std::uint64_t size, std::uint16_t flags) {
+  return join({number(InfoType::exportInfo), number(size), number(flags)});
+}
+
+Buffer blockSizes(std::uint32_t minimum, std::uint32_t preferred, std::uint32_t maximum) {
+  return join({number(InfoType::blockSize), number(minimum), number(preferred), number(maximum)});
+}
+
+const Buffer acknowledgeStructured = reply(Option::structuredReply, ReplyType::ack);
+const Buffer acknowledgeContext = join({reply(Option::setMetaContext, ReplyType::metaContext,
+                                              join({number(std::uint32_t{42}), text("base:allocation")})),
+                                        reply(Option::setMetaContext, ReplyType::ack)});
+const Buffer acknowledgeGo =
+    join({reply(Option::go, ReplyType::info, exportInfo(1'000'000, 7)), reply(Option::go, ReplyType::ack)});
+const Buffer wantedOfDisk = infoData("disk", {InfoType::name, InfoType::description, InfoType::blockSize});
+
+/// A client in front of a server that says `words`, whatever it is asked.
+struct Conversation {
+  Conversation(ClientHandshake::Wish wish, const Buffer& words) : handshake(std::move(wish)) {
+    outcome = Wire::converse(handshake, words);
+  }
+
+  ClientHandshake handshake;
+  Wire::Outcome<ClientHandshake> outcome;
+};
+
+ClientHandshake::Wish plain() {
+  return {.exportName = "disk", .structuredReplies = false, .allocationContext = false};
+}
+
+TEST(ClientHandshake, AsksForEverythingInOrder) {
+  const Conversation conversation(
+      {.exportName = "disk"}, join({greeting(), acknowledgeStructured, acknowledgeContext, acknowledgeGo}));
+  EXPECT_EQ(conversation.outcome.state, State::transmission);
+  EXPECT_EQ(conversation.outcome.output,
+            join({number(std::uint32_t{3}), option(Option::structuredReply),
+                  option(Option::setMetaContext, Wire::contextData("disk", {"base:allocation"})),
+                  option(Option::go, wantedOfDisk)}));
+  const ClientHandshake::Agreement& agreement = conversation.handshake.agreement();
+  EXPECT_EQ(agreement.remote.size, 1'000'000U);
+  EXPECT_EQ(agreement.remote.transmissionFlags, 7);
+  EXPECT_TRUE(agreement.structuredReplies);
+  EXPECT_EQ(agreement.allocationContext, 42U);
+  EXPECT_TRUE(agreement.limits().blockStatus);
+}
+
+TEST(ClientHandshake, DoesWithoutWhatTheServerLacks) {
+  const Conversation conversation(
+      {.exportName = "disk"},
+      join({greeting(1), reply(Option::structuredReply, ReplyType::unsupported), acknowledgeGo}));
+  EXPECT_EQ(conversation.outcome.state, State::transmission);
+  EXPECT_FALSE(conversation.handshake.agreement().structuredReplies);
+  EXPECT_EQ(conversation.handshake.agreement().allocationContext, std::nullopt);
+}
+
+TEST(ClientHandshake, ARefusedContextIsNotSelected) {
+  const Conversation conversation({.exportName = "disk"},
+                                  join({greeting(), acknowledgeStructured,
+                                        reply(Option::setMetaContext, ReplyType::metaContext,
+                                              join({number(std::uint32_t{42}), text("base:allocation")})),
+                                        reply(Option::setMetaContext, ReplyType::tooBig), acknowledgeGo}));
+  EXPECT_EQ(conversation.outcome.state, State::transmission);
+  EXPECT_TRUE(conversation.handshake.agreement().structuredReplies);
+  EXPECT_EQ(conversation.handshake.agreement().allocationContext, std::nullopt);
+}
+
+TEST(ClientHandshake, AnotherContextIsNotOurs) {
+  const Conversation conversation({.exportName = "disk"},
+                                  join({greeting(), acknowledgeStructured,
+                                        reply(Option::setMetaContext, ReplyType::metaContext,
+                                              join({number(std::uint32_t{42}), text("x-a:b")})),
+                                        reply(Option::setMetaContext, ReplyType::ack), acknowledgeGo}));
+  EXPECT_EQ(conversation.handshake.agreement().allocationContext, std::nullopt);
+}
+
+TEST(ClientHandshake, TakesWhatTheServerTells) {
+  const Conversation conversation(
+      plain(),
+      join({greeting(), reply(Option::go, ReplyType::info, blockSizes(512, 4096, 0xffff'ffff)),
+            reply(Option::go, ReplyType::info, join({number(InfoType::name), text("canonical")})),
+            reply(Option::go, ReplyType::info, join({number(InfoType::description), text("a disk")})),
+            reply(Option::go, ReplyType::info, join({number(InfoType{99}), text("unknown")})),
+            reply(Option::go, ReplyType{77}, text("of a later protocol")), acknowledgeGo}));
+  ASSERT_EQ(conversation.outcome.state, State::transmission);
+  const Nbd::RemoteExport& remote = conversation.handshake.agreement().remote;
+  EXPECT_EQ(remote.name, "canonical");
+  EXPECT_EQ(remote.description, "a disk");
+  EXPECT_EQ(remote.minimumBlock, 512U);
+  EXPECT_EQ(remote.preferredBlock, 4096U);
+  EXPECT_EQ(remote.maximumPayload, Nbd::maxPayload) << "no more than we would hold";
+}
+
+TEST(ClientHandshake, FallsBackToExportName) {
+  const Buffer withoutGo = join({greeting(), reply(Option::go, ReplyType::unsupported)});
+  const Conversation conversation(
+      plain(), join({withoutGo, number(std::uint64_t{512}), number(std::uint16_t{3}), Buffer(50)}));
+  EXPECT_EQ(conversation.outcome.state, State::transmission);
+  EXPECT_EQ(conversation.outcome.consumed, withoutGo.size() + 10) << "the rest is not the handshake's";
+  EXPECT_EQ(conversation.handshake.agreement().remote.size, 512U);
+  EXPECT_EQ(conversation.outcome.output, join({number(std::uint32_t{3}), option(Option::go, wantedOfDisk),
+                                               option(Option::exportName, text("disk"))}));
+}
+
+TEST(ClientHandshake, ReadsThePaddingWhereItWasNotAgreedAway) {
+  const Buffer words = join({greeting(1), reply(Option::go, ReplyType::unsupported),
+                             number(std::uint64_t{512}), number(std::uint16_t{3}), Buffer(124)});
+  const Conversation conversation(plain(), words);
+  EXPECT_EQ(conversation.outcome.state, State::transmission);
+  EXPECT_EQ(conversation.outcome.consumed, words.size());
+}
+
+TEST(ClientHandshake, WithoutFixedNewstyleThereIsOnlyExportName) {
+  const Conversation conversation({.exportName = "disk"}, join({greeting(0), number(std::uint64_t{512}),
+                                                                number(std::uint16_t{3}), Buffer(124)}));
+  EXPECT_EQ(conversation.outcome.state, State::transmission);
+  EXPECT_EQ(conversation.outcome.output,
+            join({number(std::uint32_t{0}), option(Option::exportName, text("disk"))}));
+}
+
+TEST(ClientHandshake, LeavesPolitelyWhenTheExportIsRefused) {
+  const Conversation conversation(
+      plain(), join({greeting(), reply(Option::go, ReplyType::unknown, text("no such export"))}));
+  EXPECT_EQ(conversation.outcome.state, State::failed);
+  const ClientHandshake::Failure& failure = conversation.handshake.failure();
+  EXPECT_TRUE(failure.isRefusal);
+  EXPECT_EQ(failure.reply, ReplyType::unknown);
+  EXPECT_EQ(failure.message, "the server refused: no such export");
+  EXPECT_EQ(conversation.outcome.output,
+            join({number(std::uint32_t{3}), option(Option::go, wantedOfDisk), option(Option::abort)}));
+}
+
+TEST(ClientHandshake, AReasonThatIsNoTextIsLeftOut) {
+  const Conversation conversation(plain(),
+                                  join({greeting(), reply(Option::go, ReplyType::policy, text("\xff\0"s))}));
+  EXPECT_EQ(conversation.handshake.failure().message, "the server refused");
+}
+
+TEST(ClientListing, HoldsNamesAndDescriptions) {
+  const Conversation conversation(
+      {.goal = Goal::listing},
+      join({greeting(), reply(Option::list, ReplyType::server, join({counted("a"), text("first")})),
+            reply(Option::list, ReplyType::server, counted("")), reply(Option::list, ReplyType::ack)}));
+  EXPECT_EQ(conversation.outcome.state, State::finished);
+  EXPECT_EQ(conversation.outcome.output,
+            join({number(std::uint32_t{3}), option(Option::list), option(Option::abort)}));
+  const auto& exports = conversation.handshake.exports();
+  ASSERT_EQ(exports.size(), 2U);
+  EXPECT_EQ(exports[0].name, "a");
+  EXPECT_EQ(exports[0].description, "first");
+  EXPECT_EQ(exports[0].size, std::nullopt);
+  EXPECT_EQ(exports[1].name, "");
+}
+
+TEST(ClientListing, DetailsAreAskedForOneByOne) {
+  const Conversation conversation(
+      {.goal = Goal::details},
+      join({greeting(), reply(Option::list, ReplyType::server, counted("a")),
+            reply(Option::list, ReplyType::server, counted("gone")),
+            reply(Option::list, ReplyType::server, counted("c")), reply(Option::list, ReplyType::ack),
+            reply(Option::info, ReplyType::info, exportInfo(512, 1)), reply(Option::info, ReplyType::ack),
+            reply(Option::info, ReplyType::unknown),
+            reply(Option::info, ReplyType::info, exportInfo(1024, 3)), reply(Option::info, ReplyType::ack)}));
+  EXPECT_EQ(conversation.outcome.state, State::finished);
+  const auto& exports = conversation.handshake.exports();
+  ASSERT_EQ(exports.size(), 3U);
+  EXPECT_EQ(exports[0].size, 512U);
+  EXPECT_EQ(exports[1].size, std::nullopt);
+  EXPECT_EQ(exports[2].size, 1024U);
+  EXPECT_EQ(exports[2].transmissionFlags, 3);
+}
+
+TEST(ClientListing, MayBeRefused) {
+  const Conversation conversation({.goal = Goal::listing},
+                                  join({greeting(), reply(Option::list, ReplyType::policy)}));
+  EXPECT_EQ(conversation.outcome.state, State::failed);
+  EXPECT_EQ(conversation.handshake.failure().reply, ReplyType::policy);
+}
+
+TEST(ClientListing, NeedsFixedNewstyle) {
+  EXPECT_EQ(Conversation({.goal = Goal::listing}, greeting(0)).outcome.state, State::failed);
+}
+
+// --- Servers that break the protocol
+// -----------------------------------------------------------------------------
+
+struct HostileCase {
+  const char* name;
+  Buffer words;
+  Goal goal = Goal::transmission;
+};
+
+Buffer announce(Option code, ReplyType type, std::uint32_t length) {
+  return join({number(Nbd::optionReplyMagic), number(code), number(type), number(length)});
+}
+
+const Buffer goInfo = announce(Option::go, ReplyType::info, 0);
+
+const HostileCase hostileCases[] = {
+    {"NoServerAtAll", text("SSH-2.0-whatever-else")},
+    {"Oldstyle", join({text("NBDMAGIC"), number(Nbd::oldstyleMagic), Buffer(2)})},
+    {"UnknownSecondMagic", join({text("NBDMAGICnonsense"), Buffer(2)})},
+    {"WrongReplyMagic", join({greeting(), Buffer(20)})},
+    {"ReplyToAnotherOption", join({greeting(), reply(Option::list, ReplyType::ack)})},
+    {"ReplyTooLong",
+     join({greeting(), announce(Option::go, ReplyType::info, Nbd::maxOptionReplyLength + 1)})},
+    {"ReplyOfFourGigabytes", join({greeting(), announce(Option::go, ReplyType::info, 0xffff'ffff)})},
+    {"AcknowledgementWithData", join({greeting(), reply(Option::go, ReplyType::ack, text("x"))})},
+    {"GoWithoutASize", join({greeting(), reply(Option::go, ReplyType::ack)})},
+    {"InfoWithoutAType", join({greeting(), reply(Option::go, ReplyType::info, Buffer(1))})},
+    {"ExportInfoTooShort", join({greeting(), reply(Option::go, ReplyType::info, Buffer(11))})},
+    {"ExportInfoTooLong", join({greeting(), reply(Option::go, ReplyType::info, Buffer(13))})},
+    {"NameWithNul",
+     join({greeting(), reply(Option::go, ReplyType::info, join({number(InfoType::name), Buffer(1)}))})},
+    {"DescriptionInBadUtf8", join({greeting(), reply(Option::go, ReplyType::info,
+                                                     join({number(InfoType::description), text("\xff")}))})},
+    {"NameTooLong", join({greeting(), reply(Option::go, ReplyType::info,
+                                            join({number(InfoType::name), text(std::string(4097, 'n'))}))})},
+    {"BlockSizesTooShort",
+     join({greeting(), reply(Option::go, ReplyType::info, join({number(InfoType::blockSize), Buffer(11)}))})},
+    {"MinimumBlockZero", join({greeting(), reply(Option::go, ReplyType::info, blockSizes(0, 4096, 65'536))})},
+    {"MinimumBlockNoPowerOfTwo",
+     join({greeting(), reply(Option::go, ReplyType::info, blockSizes(3, 4096, 65'536))})},
+    {"MinimumBlockTooLarge",
+     join({greeting(), reply(Option::go, ReplyType::info, blockSizes(131'072, 131'072, 1 << 20))})},
+    {"PreferredBlockBelowMinimum",
+     join({greeting(), reply(Option::go, ReplyType::info, blockSizes(4096, 512, 65'536))})},
+    {"MaximumBelowPreferred",
+     join({greeting(), reply(Option::go, ReplyType::info, blockSizes(1, 4096, 512))})},
+    {"ListedWithoutAName", join({greeting(), reply(Option::list, ReplyType::server, Buffer(3))}),
+     Goal::listing},
+    {"ListedNameBeyondTheReply",
+     join({greeting(), reply(Option::list, ReplyType::server, join({number(std::uint32_t{2}), text("a")}))}),
+     Goal::listing},
+    {"ListedNameWithNul", join({greeting(), reply(Option::list, ReplyType::server, counted("\0"s))}),
+     Goal::listing},
+    {"ListedDescriptionInBadUtf8",
+     join({greeting(), reply(Option::list, ReplyType::server, join({counted("a"), text("\xff")}))}),
+     Goal::listing},
+};
+
+class HostileServer : public testing::TestWithParam<HostileCase> {};
+
+TEST_P(HostileServer, IsLeft) {
+  ClientHandshake::Wish wish = plain();
+  wish.goal = GetParam().goal;
+  const Conversation conversation(wish, GetParam().words);
+  EXPECT_EQ(conversation.outcome.state, State::failed);
+  EXPECT_FALSE(conversation.handshake.failure().isRefusal);
+  EXPECT_FALSE(conversation.handshake.failure().message.empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, HostileServer, testing::ValuesIn(hostileCases),
+                         [](const auto& row) { return row.param.name; });
+
+TEST(HostileServer, ContextWithoutAnId) {
+  const Conversation conversation({.exportName = "disk"},
+                                  join({greeting(), acknowledgeStructured,
+                                        reply(Option::setMetaContext, ReplyType::metaContext, Buffer(3))}));
+  EXPECT_EQ(conversation.outcome.state, State::failed);
+}
+
+TEST(HostileServer, EndlessRepliesEnd) {
+  Buffer words = greeting();
+  const Buffer one = reply(Option::go, ReplyType{77});
+  for (std::uint32_t index = 0; index <= Nbd::maxRepliesPerOption; ++index) {
+    words.insert(words.end(), one.begin(), one.end());
+  }
+  EXPECT_EQ(Conversation(plain(), words).outcome.state, State::failed);
+}
+
+TEST(HostileServer, ListingsAreBounded) {
+  Buffer words = greeting();
+  const Buffer one =
+      reply(Option::list, ReplyType::server, join({counted(std::string(4000, 'n')), text("d")}));
+  for (std::uint64_t total = 0; total <= Nbd::maxServerHandshakeBytes; total += one.size()) {
+    words.insert(words.end(), one.begin(), one.end());
+  }
+  EXPECT_EQ(Conversation({.goal = Goal::listing}, words).outcome.state, State::failed);
+}
+
+}  // namespace
