@@ -62,7 +62,9 @@ Result<Client> Client::connect(const std::string& path, Clock::time_point deadli
 }
 
 Result<void> Client::enqueue(JsonWriter writer) {
-  if (writer.sawInvalidText()) return failure(FailureCode::invalidArgument, "a text is not valid UTF-8");
+  if (writer.isDistorted()) {
+    return failure(FailureCode::invalidArgument, "a text is not valid UTF-8, or a flag has no meaning");
+  }
   if (writer.depth() > Limits::depth) return failure(FailureCode::invalidArgument, "a value nests too deep");
   const std::string message = writer.take();
   if (message.size() > Limits::requestLength) {

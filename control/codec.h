@@ -48,11 +48,24 @@ void encode(JsonWriter& writer, const VariantEntry& entry);
 
 template <class Flag>
 void encode(JsonWriter& writer, Flags<Flag> flags) {
+  Flags<Flag> known;
   writer.beginArray();
   for (const auto& word : Words<Flag>::list) {
-    if (flags.has(word.value)) writer.string(word.text);
+    if (!flags.has(word.value)) continue;
+    writer.string(word.text);
+    known.set(word.value);
   }
   writer.endArray();
+  if (known != flags) writer.distort();
+}
+
+template <class Enumeration>
+void encodeWord(JsonWriter& writer, Enumeration value) {
+  for (const auto& word : Words<Enumeration>::list) {
+    if (word.value == value) return writer.string(word.text);
+  }
+  writer.string("");
+  writer.distort();
 }
 
 template <class T>
@@ -64,12 +77,7 @@ void encode(JsonWriter& writer, const T& value) {
   } else if constexpr (std::same_as<T, std::string>) {
     writer.string(value);
   } else if constexpr (Worded<T>) {
-    // A value without a word would be a defect of ours; the empty word makes the peer refuse it.
-    std::string_view text;
-    for (const auto& word : Words<T>::list) {
-      if (word.value == value) text = word.text;
-    }
-    writer.string(text);
+    encodeWord(writer, value);
   } else if constexpr (std::is_enum_v<T>) {
     writer.number(static_cast<std::underlying_type_t<T>>(value));
   } else if constexpr (Detail::isVector<T>) {

@@ -29,7 +29,7 @@ void JsonWriter::string(std::string_view value) {
     }
     value.remove_prefix(valid.size());
     if (!value.empty()) {
-      sawInvalidText_ = true;
+      distort();
       text_ += replacementCharacter;
       value.remove_prefix(1);
     }

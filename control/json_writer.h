@@ -38,7 +38,9 @@ class JsonWriter {
 
   void string(std::string_view value);
 
-  bool sawInvalidText() const { return sawInvalidText_; }
+  /// Remembers that a value had no true form here.
+  void distort() { distorted_ = true; }
+  bool isDistorted() const { return distorted_; }
   /// The deepest nesting so far.
   std::size_t depth() const { return deepest_; }
   std::string take() { return std::move(text_); }
@@ -66,7 +68,7 @@ class JsonWriter {
   std::size_t depth_ = 0;
   std::size_t deepest_ = 0;
   bool separate_ = false;
-  bool sawInvalidText_ = false;
+  bool distorted_ = false;
 };
 
 }  // namespace Control
