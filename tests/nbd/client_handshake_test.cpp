@@ -230,7 +230,8 @@ const HostileCase hostileCases[] = {
     {"Oldstyle", join({text("NBDMAGIC"), number(Nbd::oldstyleMagic), Buffer(2)})},
     {"UnknownSecondMagic", join({text("NBDMAGICnonsense"), Buffer(2)})},
     {"WrongReplyMagic", join({greeting(), Buffer(20)})},
-    {"ReplyToAnotherOption", join({greeting(), reply(Option::list, ReplyType::ack)})},
+    {"ReplyToAnotherOption", join({greeting(), reply(Option::info, ReplyType::info, exportInfo(512, 1)),
+                                   reply(Option::info, ReplyType::ack)})},
     {"ReplyTooLong",
      join({greeting(), announce(Option::go, ReplyType::info, Nbd::maxOptionReplyLength + 1)})},
     {"ReplyOfFourGigabytes", join({greeting(), announce(Option::go, ReplyType::info, 0xffff'ffff)})},
@@ -281,6 +282,11 @@ TEST_P(HostileServer, IsLeft) {
 
 INSTANTIATE_TEST_SUITE_P(Table, HostileServer, testing::ValuesIn(hostileCases),
                          [](const auto& row) { return row.param.name; });
+
+TEST(HostileServer, OldstyleIsCalledByItsName) {
+  const Conversation conversation(plain(), join({text("NBDMAGIC"), number(Nbd::oldstyleMagic), Buffer(2)}));
+  EXPECT_NE(conversation.handshake.failure().message.find("oldstyle"), std::string::npos);
+}
 
 TEST(HostileServer, ContextWithoutAnId) {
   const Conversation conversation({.exportName = "disk"},

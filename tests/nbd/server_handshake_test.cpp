@@ -354,6 +354,31 @@ TEST(ServerExportName, WithoutAnExportTheConnectionEnds) {
   }
 }
 
+/// Has every export that anybody asks for, and remembers the last one.
+class EveryExport : public Nbd::ExportDirectory {
+ public:
+  [[nodiscard]] std::optional<Nbd::ExportView> find(std::string_view name) const override {
+    asked = name;
+    return disk;
+  }
+  [[nodiscard]] std::shared_ptr<const std::vector<Nbd::ListedExport>> list() const override {
+    return std::make_shared<const std::vector<Nbd::ListedExport>>();
+  }
+  mutable std::optional<std::string> asked;
+};
+
+TEST(ServerExportName, WhatIsNoNameIsNotLookedUp) {
+  for (const std::string& name : {"disk\0"s, "\xff"s, std::string(4097, 'n')}) {
+    for (const Buffer& asked : {option(Option::exportName, text(name)), option(Option::go, infoData(name))}) {
+      const EveryExport directory;
+      ServerHandshake handshake(directory, {});
+      const auto outcome = Wire::converse(handshake, join({Wire::clientFlags(), asked}));
+      EXPECT_NE(outcome.state, State::transmission) << testing::PrintToString(name);
+      EXPECT_EQ(directory.asked, std::nullopt);
+    }
+  }
+}
+
 TEST(ServerExportName, TheEmptyNameIsTheOnlyExport) {
   Wire::Directory directory;
   directory.add(disk);
