@@ -46,6 +46,14 @@ inline constexpr std::size_t logFileLength = std::size_t{1024} * 1024;
 /// How long a service that was started on demand stays when there is nothing to do.
 inline constexpr std::chrono::seconds idleTime{30};
 
+/// How long a starting service waits for one that is ending to let go of their directories, and how often it
+/// looks. Whoever started it has little patience himself.
+inline constexpr std::chrono::milliseconds lockPatience{200};
+inline constexpr std::chrono::milliseconds lockRetry{10};
+
+/// The shortest time between two looks at whether there is anything to do.
+inline constexpr std::chrono::milliseconds idleLook{100};
+
 /// How long the end of the service waits for running requests after the first signal.
 inline constexpr std::chrono::seconds shutdownTime{20};
 
@@ -67,6 +75,9 @@ inline constexpr std::chrono::seconds handshakeTime{30};
 
 /// How long an ended session may take to send its last replies to a client that does not read.
 inline constexpr std::chrono::seconds lastRepliesTime{5};
+
+/// How long a session that has ended waits for the client to end its side too.
+inline constexpr std::chrono::seconds lingerTime{1};
 
 /// A client that has begun to send the data of a write and then sends nothing for so long is disconnected.
 inline constexpr std::chrono::seconds payloadStallTime{60};

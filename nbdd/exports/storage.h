@@ -51,7 +51,7 @@ class GroupSync {
 /// of them covers the writes of all. Threads: everything here may be used by any.
 class Storage {
  public:
-  explicit Storage(OpenNode node) : node_(std::move(node)) {}
+  explicit Storage(OpenNode node);
 
   int descriptor() const { return node_.descriptor.number(); }
   const OpenNode& node() const { return node_; }
@@ -70,12 +70,13 @@ class Storage {
 
   /// Whether the node may have holes, so that a read is worth a look at its allocation.
   bool mayHaveHoles() const { return mayHaveHoles_.load(std::memory_order_relaxed); }
+  /// To be called before holes are made.
   void noteHoles() { mayHaveHoles_.store(true, std::memory_order_relaxed); }
 
  private:
   OpenNode node_;
   std::atomic<bool> failed_ = false;
-  std::atomic<bool> mayHaveHoles_ = true;
+  std::atomic<bool> mayHaveHoles_ = false;
   GroupSync sync_;
 };
 

@@ -88,8 +88,7 @@ ssize_t Stream::sendFile(int file, std::uint64_t offset, std::size_t length) {
 }
 
 bool Stream::Waiting::await_ready() const noexcept {
-  return forReading_ ? stream_.readable_ || stream_.readingInterrupted_
-                     : stream_.writable_ || stream_.writingInterrupted_;
+  return forReading_ ? stream_.readable_ || stream_.readingInterrupted_ : stream_.writable_;
 }
 
 void Stream::Waiting::await_suspend(std::coroutine_handle<> waiter) noexcept {
@@ -97,8 +96,7 @@ void Stream::Waiting::await_suspend(std::coroutine_handle<> waiter) noexcept {
 }
 
 Stream::Wake Stream::Waiting::await_resume() const noexcept {
-  const bool interrupted = forReading_ ? stream_.readingInterrupted_ : stream_.writingInterrupted_;
-  return interrupted ? Wake::interrupted : Wake::ready;
+  return forReading_ && stream_.readingInterrupted_ ? Wake::interrupted : Wake::ready;
 }
 
 void Stream::interruptReading() {
@@ -108,19 +106,7 @@ void Stream::interruptReading() {
   }
 }
 
-void Stream::interrupt() {
-  readingInterrupted_ = true;
-  writingInterrupted_ = true;
-  // The first waiter that runs may destroy this stream, so both are taken before.
-  const std::coroutine_handle<> reader = std::exchange(reader_, {});
-  const std::coroutine_handle<> writer = std::exchange(writer_, {});
-  if (writer) {
-    writer.resume();
-  }
-  if (reader) {
-    reader.resume();
-  }
-}
+void Stream::endSending() { ::shutdown(socket_.number(), SHUT_WR); }
 
 void Stream::shutDown() { ::shutdown(socket_.number(), SHUT_RDWR); }
 

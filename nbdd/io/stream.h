@@ -33,6 +33,8 @@ class Stream final : public EventHandler {
   /// The number of bytes received (0 = the peer has ended its side), or a negative errno (-EAGAIN: nothing
   /// there).
   ssize_t receive(std::span<std::byte> buffer);
+  /// Whether nothing has arrived since the last `receive`, as far as the loop knows: wait instead of trying.
+  bool drained() const { return !readable_; }
   /// The number of bytes sent, or a negative errno (-EAGAIN: the send buffer is full). `more`: further bytes
   /// follow at once, so the kernel may hold a partial packet back.
   ssize_t send(std::span<const std::byte> bytes, bool more = false);
@@ -57,14 +59,16 @@ class Stream final : public EventHandler {
 
   /// Awaits that receiving may make progress. Spurious wake-ups happen: try again after each.
   Waiting readable() { return {*this, true}; }
-  /// Awaits that sending may make progress.
+  /// Awaits that sending may make progress, or has failed.
   Waiting writable() { return {*this, false}; }
 
   /// Ends the current wait for reading, and every later one, with Wake::interrupted. The waiter is resumed on
   /// the caller's stack.
   void interruptReading();
-  /// The same for both directions: nothing waits on this stream any more.
-  void interrupt();
+  /// Waits for reading are waits again.
+  void resumeReading() { readingInterrupted_ = false; }
+  /// Tells the peer that nothing more comes.
+  void endSending();
   /// Shuts the connection down in both directions, so that the peer sees its end; the descriptor stays ours.
   void shutDown();
 
@@ -78,7 +82,6 @@ class Stream final : public EventHandler {
   bool writable_ = true;
   bool peerEnded_ = false;
   bool readingInterrupted_ = false;
-  bool writingInterrupted_ = false;
   std::coroutine_handle<> reader_;
   std::coroutine_handle<> writer_;
 };

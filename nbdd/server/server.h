@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "control/failure.h"
@@ -78,7 +79,7 @@ class Server {
 
  private:
   struct State;
-  std::unique_ptr<State> state_;
+  std::shared_ptr<State> state_;  // shared with what the workers post to the control loop
 };
 
 }  // namespace Nbdd

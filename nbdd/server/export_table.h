@@ -1,0 +1,80 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "control/records.h"
+#include "nbd/export_view.h"
+#include "nbdd/exports/publication.h"
+
+namespace Nbdd {
+
+class Worker;
+
+/// Names a session for as long as the process lives.
+using SessionId = std::uint64_t;
+
+/// What the table keeps of a session that uses an export.
+struct AttachedSession {
+  SessionId id = 0;
+  Worker* worker = nullptr;
+  int socket = -1;  // stays open while the session is attached
+  Control::Endpoint peer;
+};
+
+/// The published exports and who uses them: the one place where the control thread and the workers meet. Any
+/// thread may call anything; nothing here blocks for longer than a walk over one export's sessions.
+class ExportTable final : public Nbd::ExportDirectory {
+ public:
+  /// Called, on the thread that detached it, when the last session of an export is gone.
+  using LastLeft = std::function<void(Control::ExportId)>;
+
+  explicit ExportTable(LastLeft lastLeft) : lastLeft_(std::move(lastLeft)) {}
+
+  void publish(Publication publication);
+  void withdraw(Control::ExportId id);
+
+  std::optional<Nbd::ExportView> find(std::string_view name) const override;
+  std::shared_ptr<const std::vector<Nbd::ListedExport>> list() const override;
+
+  enum class Attachment : std::uint8_t { attached, withdrawn, mustWait };
+
+  /// Registers a session with the publication it found before.
+  ///
+  /// A client whose connection died may still have writes under way here, and may be the one that comes back
+  /// now: while the export has sessions whose peer is gone, the answer is `mustWait`, and `wake` is called
+  /// (on any thread) when it is worth trying again. So a write of a dead connection never lands after one of
+  /// the connection that follows it.
+  Attachment attach(const std::shared_ptr<const Publication>& publication, AttachedSession session,
+                    std::function<void()> wake);
+  void detach(Control::ExportId id, SessionId session);
+
+  std::vector<AttachedSession> sessions(Control::ExportId id) const;
+  std::size_t sessionCount(Control::ExportId id) const;
+
+ private:
+  struct Usage {
+    std::vector<AttachedSession> sessions;
+    std::vector<std::function<void()>> waiting;
+  };
+
+  std::shared_ptr<const Publication> findPublication(std::string_view name) const;
+
+  const LastLeft lastLeft_;
+  mutable std::mutex mutex_;
+  std::map<std::string, std::shared_ptr<const Publication>, std::less<>> published_;  // by name
+  std::unordered_map<Control::ExportId, std::string> names_;                          // of the published ones
+  std::unordered_map<Control::ExportId, Usage> usage_;
+  mutable std::shared_ptr<const std::vector<Nbd::ListedExport>> listing_;  // null when it is out of date
+};
+
+}  // namespace Nbdd

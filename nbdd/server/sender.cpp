@@ -1,0 +1,204 @@
+#include "nbdd/server/sender.h"
+
+#include <sys/uio.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+namespace Nbdd {
+
+namespace {
+
+// Room for further small replies behind the first one that has to wait.
+constexpr std::size_t copyCapacity = std::size_t{16} * 1024;
+
+constexpr std::size_t maximumPieces = 64;
+
+}  // namespace
+
+void Sender::send(std::span<const std::byte> bytes, bool more) {
+  if (failed_ || bytes.empty()) {
+    return;
+  }
+  if (queue_.empty()) {
+    const ssize_t sent = stream_.send(bytes, more);
+    if (sent < 0 && sent != -EAGAIN) {
+      fail();
+      return;
+    }
+    bytes = bytes.subspan(static_cast<std::size_t>(std::max<ssize_t>(sent, 0)));
+    if (bytes.empty()) {
+      return;
+    }
+  }
+  appendCopy(bytes);
+  flushSoon(false);
+}
+
+void Sender::sendFile(std::shared_ptr<Storage> storage, std::uint64_t offset, std::uint64_t length) {
+  if (failed_) {
+    return;
+  }
+  Piece piece;
+  piece.storage = std::move(storage);
+  piece.offset = offset;
+  piece.length = length;
+  if (queue_.empty()) {
+    const ssize_t sent = sendRange(piece);
+    if (sent < 0 && sent != -EAGAIN) {
+      fail();
+      return;
+    }
+    if (piece.length == 0) {
+      return;
+    }
+  }
+  queue_.push_back(std::move(piece));
+  flushSoon(false);
+}
+
+void Sender::post(Io::Buffer buffer, std::size_t length) {
+  if (failed_) {
+    return;
+  }
+  Piece piece;
+  piece.buffer = std::move(buffer);
+  piece.end = length;
+  pending_ += length;
+  queue_.push_back(std::move(piece));
+  flushSoon(true);
+}
+
+void Sender::post(std::span<const std::byte> bytes) {
+  if (failed_) {
+    return;
+  }
+  appendCopy(bytes);
+  flushSoon(true);
+}
+
+void Sender::appendCopy(std::span<const std::byte> bytes) {
+  pending_ += bytes.size();
+  if (queue_.empty() || queue_.back().storage ||
+      queue_.back().buffer.size() - queue_.back().end < bytes.size()) {
+    Piece piece;
+    piece.buffer = buffers_.take(std::max(bytes.size(), copyCapacity));
+    queue_.push_back(std::move(piece));
+  }
+  Piece& last = queue_.back();
+  std::memcpy(last.buffer.data() + last.end, bytes.data(), bytes.size());
+  last.end += bytes.size();
+}
+
+void Sender::flushSoon(bool endOfTurn) {
+  if (flushing_.running() == 0) {
+    flushing_.spawn(flush(endOfTurn));
+  }
+}
+
+Io::Task<void> Sender::flush(bool endOfTurn) {
+  if (endOfTurn) {
+    Io::EndOfTurn turn(stream_.loop());
+    co_await turn;
+  }
+  for (;;) {
+    const Outcome outcome = failed_ ? Outcome::failed : sendQueued();
+    if (outcome == Outcome::failed) {
+      fail();
+      break;
+    }
+    drained_.notify();
+    if (outcome == Outcome::done) {
+      break;
+    }
+    Io::Stream::Waiting writable = stream_.writable();
+    co_await writable;
+  }
+}
+
+Sender::Outcome Sender::sendQueued() {
+  while (!queue_.empty()) {
+    const ssize_t sent = queue_.front().storage ? sendRange(queue_.front()) : sendBuffers();
+    if (sent == -EAGAIN) {
+      return Outcome::blocked;
+    }
+    if (sent < 0) {
+      return Outcome::failed;
+    }
+  }
+  return Outcome::done;
+}
+
+ssize_t Sender::sendBuffers() {
+  std::array<iovec, maximumPieces> pieces;
+  std::size_t count = 0;
+  for (const Piece& piece : queue_) {
+    if (piece.storage || count == pieces.size()) {
+      break;
+    }
+    pieces[count++] = {.iov_base = piece.buffer.data() + piece.begin, .iov_len = piece.end - piece.begin};
+  }
+  const bool fileFollows = count < queue_.size() && queue_[count].storage;
+  const ssize_t sent = stream_.send(std::span<const iovec>(pieces).first(count), fileFollows);
+  if (sent > 0) {
+    taken(static_cast<std::size_t>(sent));
+  }
+  return sent;
+}
+
+void Sender::taken(std::size_t bytes) {
+  pending_ -= bytes;
+  while (bytes > 0) {
+    Piece& piece = queue_.front();
+    const std::size_t part = std::min(bytes, piece.end - piece.begin);
+    piece.begin += part;
+    bytes -= part;
+    if (piece.begin == piece.end) {
+      queue_.pop_front();
+    }
+  }
+}
+
+ssize_t Sender::sendRange(Piece& piece) {
+  while (piece.length > 0) {
+    const ssize_t sent = stream_.sendFile(piece.storage->descriptor(), piece.offset, piece.length);
+    if (sent < 0) {
+      return sent;
+    }
+    if (sent == 0) {
+      // The file has become shorter than the export. The header that promised these bytes is out, so the
+      // connection cannot go on.
+      return -EIO;
+    }
+    piece.offset += static_cast<std::uint64_t>(sent);
+    piece.length -= static_cast<std::uint64_t>(sent);
+  }
+  if (!queue_.empty() && &piece == &queue_.front()) {
+    queue_.pop_front();
+  }
+  return 0;
+}
+
+Io::Task<void> Sender::finish() {
+  while (!failed_ && !queue_.empty()) {
+    Io::Signal::Waiting wait = drained_.wait();
+    co_await wait;
+  }
+  Io::Scope::Joined joined = flushing_.join();
+  co_await joined;
+}
+
+void Sender::fail() {
+  if (!failed_) {
+    failed_ = true;
+    queue_.clear();
+    pending_ = 0;
+    stream_.shutDown();
+    drained_.notify();
+  }
+}
+
+}  // namespace Nbdd

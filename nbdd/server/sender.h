@@ -1,0 +1,78 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <span>
+
+#include "nbdd/exports/storage.h"
+#include "nbdd/io/buffer.h"
+#include "nbdd/io/scope.h"
+#include "nbdd/io/signal.h"
+#include "nbdd/io/stream.h"
+
+namespace Nbdd {
+
+/// Sends replies on one connection, in the order given, whole or not at all seen from the client's side.
+///
+/// What the kernel takes at once is sent at once; the rest waits in a queue, and a coroutine sends it as the
+/// client reads. File contents wait as a range of the file, not as bytes. One worker's thread.
+class Sender {
+ public:
+  Sender(Io::Stream& stream, Io::BufferPool& buffers)
+      : stream_(stream), buffers_(buffers), drained_(stream.loop()) {}
+
+  /// Sends or queues a copy of `bytes`. `more`: something else follows at once.
+  void send(std::span<const std::byte> bytes, bool more = false);
+  /// Sends or queues a range of the storage's file, which must be in memory.
+  void sendFile(std::shared_ptr<Storage> storage, std::uint64_t offset, std::uint64_t length);
+  /// Queues the first `length` bytes of `buffer`, or a copy of `bytes`, to go out at the end of the loop's
+  /// turn, together with what else completes in it.
+  void post(Io::Buffer buffer, std::size_t length);
+  void post(std::span<const std::byte> bytes);
+
+  /// Bytes of memory that wait for the client to read.
+  std::size_t pending() const { return pending_; }
+  bool idle() const { return queue_.empty(); }
+  /// Nothing can be sent any more; what is queued is dropped.
+  bool failed() const { return failed_; }
+
+  /// Notified whenever the queue has become shorter, or sending has failed.
+  Io::Signal& progress() { return drained_; }
+
+  /// Awaits that everything queued is sent, or that sending has failed. No one else may wait on `progress`.
+  Io::Task<void> finish();
+
+  /// Gives up: nothing is sent any more.
+  void fail();
+
+ private:
+  struct Piece {
+    Io::Buffer buffer;  // bytes [begin, end) of it are to be sent; empty for a range of a file
+    std::size_t begin = 0;
+    std::size_t end = 0;
+    std::shared_ptr<Storage> storage;
+    std::uint64_t offset = 0;
+    std::uint64_t length = 0;
+  };
+  enum class Outcome { done, blocked, failed };
+
+  void appendCopy(std::span<const std::byte> bytes);
+  void flushSoon(bool endOfTurn);
+  Io::Task<void> flush(bool endOfTurn);
+  Outcome sendQueued();
+  ssize_t sendBuffers();
+  ssize_t sendRange(Piece& piece);
+  void taken(std::size_t bytes);
+
+  Io::Stream& stream_;
+  Io::BufferPool& buffers_;
+  Io::Signal drained_;
+  Io::Scope flushing_;
+  std::deque<Piece> queue_;
+  std::size_t pending_ = 0;
+  bool failed_ = false;
+};
+
+}  // namespace Nbdd

@@ -1,0 +1,167 @@
+#include "nbdd/server/server.h"
+
+#include <algorithm>
+#include <map>
+#include <thread>
+#include <utility>
+
+#include "nbdd/io/thread_pool.h"
+#include "nbdd/limits.h"
+#include "nbdd/log/log.h"
+#include "nbdd/server/export_table.h"
+#include "nbdd/server/listener.h"
+#include "nbdd/server/worker.h"
+
+namespace Nbdd {
+
+// Workers call back on their own threads; everything they have to say is posted to the control loop, and
+// refers to the state weakly: it may be gone by then.
+struct Server::State : std::enable_shared_from_this<Server::State> {
+  State(Io::EventLoop& controlLoop, Events callbacks) : loop(controlLoop), events(std::move(callbacks)) {}
+
+  Io::EventLoop& loop;
+  Events events;
+  std::unique_ptr<ExportTable> table;
+  Io::ThreadPool pool{Limits::poolThreads};
+  WorkerEvents workerEvents;
+  std::vector<std::unique_ptr<Worker>> workers;
+  std::unique_ptr<Listener> listener;
+  SessionId nextSession = 1;
+  std::size_t connections = 0;
+  std::multimap<Control::ExportId, Io::Function> whenExportIsFree;
+  std::vector<Io::Function> whenAllIsClosed;
+
+  /// Runs `function` on the control loop, if the server still exists then.
+  void postToControl(std::move_only_function<void(State&)> function) {
+    loop.post([weak = weak_from_this(), function = std::move(function)]() mutable {
+      if (const std::shared_ptr<State> state = weak.lock()) {
+        function(*state);
+      }
+    });
+  }
+
+  void start(const Options& options) {
+    table = std::make_unique<ExportTable>(
+        [this](Control::ExportId id) { postToControl([id](State& state) { state.lastClientLeft(id); }); });
+    workerEvents.sessionEnded = [this] { postToControl([](State& state) { state.sessionEnded(); }); };
+    workerEvents.storageFailed = [this](Control::ExportId id, int error) {
+      postToControl([id, error](State& state) { state.events.storageFailed(id, error); });
+    };
+    const unsigned int count =
+        options.workers != 0 ? options.workers : std::max(1U, std::thread::hardware_concurrency());
+    for (unsigned int index = 0; index < count; ++index) {
+      workers.push_back(std::make_unique<Worker>(*table, pool, options.allowRing, workerEvents));
+    }
+  }
+
+  void adopt(Io::FileDescriptor socket, Control::Endpoint peer) {
+    if (connections >= Limits::connections) {
+      log(LogLevel::warning, "too-many-connections", "turned a client at {} away: {} connections are open",
+          escaped(peer.address), connections);
+      return;
+    }
+    ++connections;
+    Worker& worker =
+        **std::ranges::min_element(workers, {}, [](const auto& one) { return one->sessionCount(); });
+    worker.adopt(nextSession++, std::move(socket), std::move(peer));
+  }
+
+  void sessionEnded() {
+    --connections;
+    if (connections == 0) {
+      for (Io::Function& done : std::exchange(whenAllIsClosed, {})) {
+        done();
+      }
+    }
+  }
+
+  void lastClientLeft(Control::ExportId id) {
+    if (table->sessionCount(id) != 0) {
+      return;  // somebody came meanwhile
+    }
+    const auto [first, last] = whenExportIsFree.equal_range(id);
+    std::vector<Io::Function> waiting;
+    for (auto one = first; one != last; ++one) {
+      waiting.push_back(std::move(one->second));
+    }
+    whenExportIsFree.erase(first, last);
+    for (Io::Function& done : waiting) {
+      done();
+    }
+    events.lastClientLeft(id);
+  }
+};
+
+Server::Server(Io::EventLoop& loop, Options options, Events events)
+    : state_(std::make_shared<State>(loop, std::move(events))) {
+  state_->start(options);
+}
+
+Server::~Server() {
+  state_->listener.reset();
+  state_->workers.clear();
+}
+
+std::expected<void, Control::Failure> Server::listen(const ListenConfiguration& configuration) {
+  std::expected<std::unique_ptr<Listener>, Control::Failure> listener = Listener::open(
+      state_->loop, configuration, [state = state_.get()](Io::FileDescriptor socket, Control::Endpoint peer) {
+        state->adopt(std::move(socket), std::move(peer));
+      });
+  if (!listener) {
+    return std::unexpected(listener.error());
+  }
+  state_->listener = std::move(*listener);
+  return {};
+}
+
+bool Server::listening() const { return state_->listener != nullptr; }
+
+std::uint16_t Server::port() const { return state_->listener ? state_->listener->port() : std::uint16_t{0}; }
+
+std::vector<Control::NetIfFirewallState> Server::endpoints() const {
+  return state_->listener ? state_->listener->endpoints() : std::vector<Control::NetIfFirewallState>();
+}
+
+void Server::close(Io::Function done) {
+  state_->listener.reset();
+  if (state_->connections == 0) {
+    state_->loop.post(std::move(done));
+    return;
+  }
+  state_->whenAllIsClosed.push_back(std::move(done));
+  for (const std::unique_ptr<Worker>& worker : state_->workers) {
+    worker->endAllSessions();
+  }
+}
+
+void Server::publish(Publication publication) { state_->table->publish(std::move(publication)); }
+
+void Server::withdraw(Control::ExportId id) { state_->table->withdraw(id); }
+
+void Server::endSessions(Control::ExportId id, Io::Function done) {
+  const std::vector<AttachedSession> sessions = state_->table->sessions(id);
+  if (sessions.empty()) {
+    state_->loop.post(std::move(done));
+    return;
+  }
+  state_->whenExportIsFree.emplace(id, std::move(done));
+  for (const AttachedSession& session : sessions) {
+    session.worker->endSession(session.id);
+  }
+}
+
+std::vector<Control::ExportClientInfo> Server::clients(Control::ExportId id) const {
+  std::vector<Control::ExportClientInfo> clients;
+  for (AttachedSession& session : state_->table->sessions(id)) {
+    clients.push_back({.endpoint = std::move(session.peer), .details = {}});
+  }
+  return clients;
+}
+
+std::size_t Server::clientCount(Control::ExportId id) const { return state_->table->sessionCount(id); }
+
+std::size_t Server::connectionCount() const { return state_->connections; }
+
+std::string_view Server::storageEngine() const { return state_->workers.front()->storageEngine(); }
+
+}  // namespace Nbdd

@@ -1,0 +1,167 @@
+#include "nbdd/server/session.h"
+
+#include <cerrno>
+#include <utility>
+
+#include "nbdd/limits.h"
+#include "nbdd/server/worker.h"
+
+namespace Nbdd {
+
+Session::Session(Worker& worker, SessionId id, Io::FileDescriptor socket, Control::Endpoint peer)
+    : worker_(worker),
+      id_(id),
+      peer_(std::move(peer)),
+      stream_(worker.loop(), std::move(socket)),
+      sender_(stream_, worker.buffers()),
+      wake_(worker.loop()),
+      deadline_(worker.loop(), [this] { abort(); }) {}
+
+Io::Task<void> Session::run() {
+  deadline_.start(Limits::handshakeTime);
+  Io::Task<std::optional<Agreement>> negotiation = negotiate();
+  std::optional<Agreement> agreement = co_await negotiation;
+  if (agreement) {
+    Io::Task<void> serving = serve(std::move(*agreement));
+    co_await serving;
+  }
+  deadline_.start(Limits::lastRepliesTime);
+  Io::Task<void> finishing = sender_.finish();
+  co_await finishing;
+  if (!sender_.failed()) {
+    deadline_.start(Limits::lingerTime);
+    Io::Task<void> lingering = linger();
+    co_await lingering;
+  }
+  deadline_.cancel();
+  worker_.sessionEnded(id_);
+}
+
+/// Ends our side and waits for the client's end. Closing while bytes of the client are unread would reset the
+/// connection, and the client might lose the last replies.
+Io::Task<void> Session::linger() {
+  stream_.endSending();
+  stream_.resumeReading();
+  for (;;) {
+    const ssize_t count = stream_.receive(worker_.inputMemory());
+    if (count == -EAGAIN) {
+      Io::Stream::Waiting readable = stream_.readable();
+      co_await readable;
+    } else if (count <= 0) {
+      co_return;
+    }
+  }
+}
+
+Io::Task<std::optional<Session::Agreement>> Session::negotiate() {
+  using State = Nbd::ServerHandshake::State;
+  Nbd::ServerHandshake handshake(worker_.table(), {});
+  std::vector<std::byte> output;
+  handshake.greet(output);
+  for (;;) {
+    Io::Task<bool> sending = sendAll(output);
+    const bool sent = co_await sending;
+    if (!sent || ending_) {
+      co_return std::nullopt;
+    }
+    const Nbd::ServerHandshake::Progress progress = handshake.advance(received_, output);
+    received_.erase(received_.begin(), received_.begin() + static_cast<std::ptrdiff_t>(progress.consumed));
+    if (progress.state == State::failed) {
+      co_return std::nullopt;
+    }
+    if (progress.state != State::negotiating) {
+      sender_.send(output);
+      co_return progress.state == State::transmission ? std::optional(handshake.agreement()) : std::nullopt;
+    }
+    if (progress.consumed == 0 && output.empty()) {
+      Io::Task<bool> receiving = receiveMore();
+      const bool received = co_await receiving;
+      if (!received) {
+        co_return std::nullopt;
+      }
+    }
+  }
+}
+
+/// Awaits that all of it is sent: a client that does not read gets no further answers.
+Io::Task<bool> Session::sendAll(std::vector<std::byte>& output) {
+  sender_.send(output);
+  output.clear();
+  while (!sender_.failed() && !sender_.idle()) {
+    Io::Signal::Waiting progress = sender_.progress().wait();
+    co_await progress;
+  }
+  co_return !sender_.failed();
+}
+
+Io::Task<bool> Session::receiveMore() {
+  for (;;) {
+    const std::span<std::byte> memory = worker_.inputMemory();
+    const ssize_t count = stream_.receive(memory);
+    if (count > 0) {
+      const auto bytes = memory.first(static_cast<std::size_t>(count));
+      received_.insert(received_.end(), bytes.begin(), bytes.end());
+      co_return true;
+    }
+    if (count != -EAGAIN) {
+      co_return false;
+    }
+    Io::Stream::Waiting readable = stream_.readable();
+    const Io::Stream::Wake woken = co_await readable;
+    if (woken == Io::Stream::Wake::interrupted) {
+      co_return false;
+    }
+  }
+}
+
+Io::Task<bool> Session::attach(std::shared_ptr<const Publication> publication) {
+  for (;;) {
+    const ExportTable::Attachment attachment = worker_.table().attach(
+        publication, {.id = id_, .worker = &worker_, .socket = stream_.descriptor(), .peer = peer_},
+        [worker = &worker_, id = id_] { worker->wakeSession(id); });
+    if (attachment != ExportTable::Attachment::mustWait) {
+      co_return attachment == ExportTable::Attachment::attached;
+    }
+    Io::Signal::Waiting wait = wake_.wait();
+    co_await wait;
+    if (ending_) {
+      co_return false;
+    }
+  }
+}
+
+Io::Task<void> Session::serve(Agreement agreement) {
+  const auto publication = std::static_pointer_cast<const Publication>(agreement.exportView.handle);
+  Io::Task<bool> attaching = attach(publication);
+  const bool attached = co_await attaching;
+  deadline_.cancel();
+  if (!attached) {
+    co_return;
+  }
+  transmission_ = std::make_unique<Transmission>(worker_, stream_, sender_, publication, agreement);
+  if (!ending_) {
+    Io::Task<void> transmitting = transmission_->run(std::move(received_));
+    co_await transmitting;
+  }
+  // The requests have ended: from here on nothing of this client can reach the storage any more.
+  worker_.table().detach(publication->id, id_);
+}
+
+void Session::end() {
+  if (!ending_) {
+    ending_ = true;
+    deadline_.start(Limits::lastRepliesTime);
+    if (transmission_) {
+      transmission_->stop();
+    }
+    wake_.notify();
+    stream_.interruptReading();
+  }
+}
+
+void Session::abort() {
+  sender_.fail();
+  end();
+}
+
+}  // namespace Nbdd

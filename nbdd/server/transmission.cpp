@@ -1,0 +1,469 @@
+#include "nbdd/server/transmission.h"
+
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "nbd/reply.h"
+#include "nbd/validation.h"
+#include "nbdd/exports/allocation.h"
+#include "nbdd/limits.h"
+#include "nbdd/server/wire_error.h"
+#include "nbdd/server/worker.h"
+
+namespace Nbdd {
+
+namespace {
+
+// Reads of at least this size leave by sendfile, whose saved copy then outweighs its system call.
+constexpr std::uint32_t sendFileLength = 64 * 1024;
+
+// Writes up to this size are carried out within the turn when the storage is memory; larger ones would keep
+// the other connections waiting.
+constexpr std::uint32_t inlineWriteLength = 1024 * 1024;
+
+// The data of writes up to this size are collected in the turn's input; larger ones get memory of their own
+// as they arrive.
+constexpr std::uint32_t collectedPayload = 64 * 1024;
+
+// Taken from a busy connection in one piece while the data of a large write arrive.
+constexpr std::size_t payloadPiece = std::size_t{1024} * 1024;
+
+/// Whether all bytes are zero. Data betray themselves in the first few.
+bool isZero(std::span<const std::byte> bytes) {
+  const std::size_t head = std::min<std::size_t>(bytes.size(), 16);
+  if (std::ranges::any_of(bytes.first(head), [](std::byte byte) { return byte != std::byte{0}; })) {
+    return false;
+  }
+  return std::memcmp(bytes.data(), bytes.data() + head, bytes.size() - head) == 0;
+}
+
+/// Writes all of it. 0 or an errno.
+int writeAll(int file, std::span<const std::byte> data, std::uint64_t offset) {
+  while (!data.empty()) {
+    const ssize_t written = ::pwrite(file, data.data(), data.size(), static_cast<off_t>(offset));
+    if (written < 0 && errno != EINTR) {
+      return errno;
+    }
+    if (written == 0) {
+      return EIO;
+    }
+    const auto count = static_cast<std::size_t>(std::max<ssize_t>(written, 0));
+    data = data.subspan(count);
+    offset += count;
+  }
+  return 0;
+}
+
+}  // namespace
+
+Transmission::Transmission(Worker& worker, Io::Stream& stream, Sender& sender,
+                           std::shared_ptr<const Publication> publication,
+                           const Nbd::ServerHandshake::Agreement& agreement)
+    : worker_(worker),
+      stream_(stream),
+      sender_(sender),
+      publication_(std::move(publication)),
+      limits_(agreement.limits()),
+      allocationContext_(agreement.allocationContext),
+      batch_(worker.replyMemory(), sender),
+      room_(worker.loop()) {}
+
+Io::Task<void> Transmission::run(std::vector<std::byte> received) {
+  keep(received);
+  carriedIsRunnable_ = !received.empty();
+  received = {};
+  while (!over_) {
+    if (!hasRoom()) {
+      // Whichever ends first makes room: a request, or the sending of its reply.
+      Io::Signal& signal = sender_.pending() >= Limits::pendingReplies ? sender_.progress() : room_;
+      Io::Signal::Waiting room = signal.wait();
+      co_await room;
+      continue;
+    }
+    const std::optional<std::span<const std::byte>> input = takeInput();
+    if (!input) {
+      if (over_) {
+        break;
+      }
+      Io::Stream::Waiting readable = stream_.readable();
+      co_await readable;
+      continue;
+    }
+    const std::size_t used = execute(*input);
+    keep(input->subspan(used));
+    endTurn();
+    if (incoming_ && !over_) {
+      Io::Task<void> receiving = receivePayload();
+      co_await receiving;
+    } else if (!over_ && !stream_.drained()) {
+      Io::EndOfTurn turn(worker_.loop());
+      co_await turn;
+    }
+  }
+  carried_.reset();
+  Io::Scope::Joined joined = requests_.join();
+  co_await joined;
+}
+
+void Transmission::stop() {
+  over();
+  room_.notify();
+  sender_.progress().notify();
+}
+
+/// What was carried over and what has arrived since, in the worker's input memory; nothing when there is
+/// nothing new, or when the client is gone (then it is over).
+std::optional<std::span<const std::byte>> Transmission::takeInput() {
+  const std::span<std::byte> memory = worker_.inputMemory();
+  if (carriedIsRunnable_) {
+    std::ranges::copy(carried_.bytes(), memory.begin());
+    return memory.first(carried_.size());
+  }
+  if (stream_.drained()) {
+    return std::nullopt;
+  }
+  const ssize_t count = stream_.receive(memory.subspan(carried_.size()));
+  if (count <= 0) {
+    if (count != -EAGAIN) {
+      over();
+    }
+    return std::nullopt;
+  }
+  std::ranges::copy(carried_.bytes(), memory.begin());
+  return memory.first(carried_.size() + static_cast<std::size_t>(count));
+}
+
+/// Keeps what the turn did not use. An idle connection keeps nothing.
+void Transmission::keep(std::span<const std::byte> rest) {
+  Io::Buffer kept;
+  if (!rest.empty()) {
+    kept = worker_.buffers().take(rest.size());
+    std::ranges::copy(rest, kept.data());
+  }
+  carried_ = std::move(kept);
+}
+
+bool Transmission::hasRoom() const {
+  return inFlight_ < Limits::requestsInFlight && inFlightBytes_ < Limits::connectionPayload &&
+         sender_.pending() < Limits::pendingReplies;
+}
+
+/// Carries out requests while there is room; returns how many bytes of the input that took.
+std::size_t Transmission::execute(std::span<const std::byte> input) {
+  std::size_t used = 0;
+  carriedIsRunnable_ = false;
+  while (!over_ && !incoming_) {
+    if (!hasRoom()) {
+      carriedIsRunnable_ = input.size() - used >= Nbd::requestSize;
+      break;
+    }
+    const std::size_t taken = executeOne(input.subspan(used));
+    if (taken == 0) {
+      break;
+    }
+    used += taken;
+  }
+  return used;
+}
+
+/// Carries out the request at the front; 0 if it has not arrived whole.
+std::size_t Transmission::executeOne(std::span<const std::byte> input) {
+  if (drain_ > 0) {
+    const auto count = static_cast<std::size_t>(std::min<std::uint64_t>(drain_, input.size()));
+    drain_ -= count;
+    return count;
+  }
+  if (input.size() < Nbd::requestSize) {
+    return 0;
+  }
+  const std::optional<Request> request = Nbd::decodeRequest(input.first<Nbd::requestSize>());
+  if (!request) {
+    over();
+    return 0;
+  }
+  if (const std::optional<Nbd::Error> error = Nbd::validate(*request, limits_)) {
+    return refuse(*request, *error);
+  }
+  if (request->type != Nbd::Command::write) {
+    carryOut(*request);
+    return Nbd::requestSize;
+  }
+  const std::span<const std::byte> behind = input.subspan(Nbd::requestSize);
+  if (behind.size() >= request->length) {
+    write(*request, behind.first(request->length));
+    return Nbd::requestSize + request->length;
+  }
+  if (request->length <= collectedPayload) {
+    return 0;
+  }
+  incoming_ = *request;
+  return Nbd::requestSize;
+}
+
+std::size_t Transmission::refuse(const Request& request, Nbd::Error error) {
+  if (!Nbd::payloadIsDrained(request)) {
+    over();
+    return 0;
+  }
+  replyError(request, error);
+  drain_ = Nbd::payloadLength(request);
+  return Nbd::requestSize;
+}
+
+void Transmission::carryOut(const Request& request) {
+  switch (request.type) {
+    case Nbd::Command::read:
+      read(request);
+      break;
+    case Nbd::Command::disconnect:
+      over();
+      break;
+    case Nbd::Command::flush:
+      flush(request);
+      break;
+    case Nbd::Command::trim:
+      begin(0, trimSlowly(request));
+      break;
+    case Nbd::Command::cache:
+      begin(0, cacheSlowly(request));
+      break;
+    case Nbd::Command::writeZeroes:
+      begin(0, writeZeroesSlowly(request));
+      break;
+    case Nbd::Command::blockStatus:
+      begin(0, blockStatusSlowly(request));
+      break;
+    case Nbd::Command::write:
+      std::terminate();  // taken with its data, in executeOne
+  }
+}
+
+/// Sends the turn's replies and adds up what it transferred.
+void Transmission::endTurn() {
+  batch_.send();
+  if (received_.transfers > 0) {
+    publication_->counters->addReceived(std::exchange(received_, {}));
+  }
+  if (sent_.transfers > 0) {
+    publication_->counters->addSent(std::exchange(sent_, {}));
+  }
+}
+
+/// Receives the data of a large write into memory of its own and carries it out. When the connection ends
+/// before they are complete, nothing of them is written.
+Io::Task<void> Transmission::receivePayload() {
+  const Request request = *std::exchange(incoming_, std::nullopt);
+  MemoryBudget::Share share;
+  if (request.length > Limits::smallPayload) {
+    MemoryBudget::Waiting waiting = worker_.payloadMemory().take(request.length);
+    share = co_await waiting;
+  }
+  if (over_) {
+    co_return;
+  }
+  Io::Buffer payload = worker_.buffers().take(request.length);
+  // Had all of it arrived, it would not have come here.
+  std::ranges::copy(carried_.bytes(), payload.data());
+  const std::size_t filled = carried_.size();
+  carried_.reset();
+  Io::Task<bool> receiving = receiveInto(payload, filled);
+  const bool complete = co_await receiving;
+  if (!complete) {
+    over();
+    co_return;
+  }
+  if (storage().node().memoryBacked && request.length <= inlineWriteLength) {
+    write(request, payload.bytes());
+    endTurn();
+  } else {
+    begin(request.length, writeSlowly(request, std::move(payload), std::move(share)));
+  }
+}
+
+Io::Task<bool> Transmission::receiveInto(Io::Buffer& payload, std::size_t filled) {
+  Io::Timer stall(worker_.loop(), [this] { stream_.shutDown(); });
+  while (filled < payload.size() && !over_) {
+    const std::size_t wanted = std::min(payload.size() - filled, payloadPiece);
+    const ssize_t count = stream_.receive(payload.bytes().subspan(filled, wanted));
+    if (count > 0) {
+      filled += static_cast<std::size_t>(count);
+      if (static_cast<std::size_t>(count) == wanted) {
+        Io::EndOfTurn turn(worker_.loop());
+        co_await turn;
+      }
+      continue;
+    }
+    if (count != -EAGAIN) {
+      co_return false;
+    }
+    stall.start(Limits::payloadStallTime);
+    Io::Stream::Waiting readable = stream_.readable();
+    co_await readable;
+  }
+  co_return filled == payload.size();
+}
+
+// --- Requests that need no waiting
+// ---------------------------------------------------------------------------
+
+void Transmission::read(const Request& request) {
+  const int file = storage().descriptor();
+  if (request.length == 0) {
+    reply(request, 0);
+  } else if (request.length < sendFileLength) {
+    if (!readFromMemory(request)) {
+      begin(request.length, readSlowly(request));
+    }
+  } else if (storage().node().memoryBacked || isCached(file, request.offset, request.length)) {
+    readBySendFile(request);
+  } else {
+    begin(request.length, readSlowly(request));
+  }
+}
+
+std::size_t Transmission::readHeaderSize() const {
+  return limits_.structuredReplies ? Nbd::offsetDataHeaderSize : Nbd::simpleReplySize;
+}
+
+/// The header of a successful read's only chunk of data, or of its simple reply.
+void Transmission::encodeReadHeader(std::span<std::byte> header, const Request& request,
+                                    std::uint32_t length) const {
+  if (limits_.structuredReplies) {
+    Nbd::encodeOffsetData(header.first<Nbd::offsetDataHeaderSize>(), request.cookie, Nbd::ReplyFlag::done,
+                          request.offset, length);
+  } else {
+    Nbd::encodeSimpleReply(header.first<Nbd::simpleReplySize>(), request.cookie);
+  }
+}
+
+/// Reads into the batch of replies without waiting for a device. False: that is not possible.
+bool Transmission::readFromMemory(const Request& request) {
+  const std::size_t headerSize = readHeaderSize();
+  const std::span<std::byte> room = batch_.reserve(headerSize + request.length);
+  const std::span<std::byte> data = room.subspan(headerSize);
+  const iovec target{.iov_base = data.data(), .iov_len = data.size()};
+  const ssize_t count = ::preadv2(storage().descriptor(), &target, 1, static_cast<off_t>(request.offset),
+                                  storage().node().memoryBacked ? 0 : RWF_NOWAIT);
+  if (count != static_cast<ssize_t>(request.length)) {
+    return false;
+  }
+  if (limits_.structuredReplies && (request.flags & Nbd::CommandFlag::df) == 0 && isZero(data)) {
+    Nbd::encodeOffsetHole(room.first<Nbd::offsetHoleSize>(), request.cookie, Nbd::ReplyFlag::done,
+                          request.offset, request.length);
+    batch_.commit(Nbd::offsetHoleSize);
+    countSent(request.length, 0);
+    return true;
+  }
+  encodeReadHeader(room.first(headerSize), request, request.length);
+  batch_.commit(headerSize + request.length);
+  countSent(request.length, request.length);
+  return true;
+}
+
+/// Sends bytes that are in memory straight from there, holes as holes.
+void Transmission::readBySendFile(const Request& request) {
+  constexpr std::size_t maximumRuns = 64;
+  std::vector<AllocationRun> runs;
+  if (limits_.structuredReplies && (request.flags & Nbd::CommandFlag::df) == 0 && storage().mayHaveHoles()) {
+    runs = allocation(storage().descriptor(), request.offset, request.length, maximumRuns)
+               .value_or(std::vector<AllocationRun>());
+  }
+  std::uint64_t known = 0;
+  for (const AllocationRun& run : runs) {
+    known += run.length;
+  }
+  if (known < request.length) {
+    runs.push_back({.length = request.length - known, .hole = false});
+  }
+  Request part = request;
+  std::uint64_t transferred = 0;
+  for (std::size_t index = 0; index < runs.size(); ++index) {
+    const auto length = static_cast<std::uint32_t>(runs[index].length);
+    const std::uint16_t flags = index + 1 == runs.size() ? Nbd::ReplyFlag::done : std::uint16_t{0};
+    if (runs[index].hole) {
+      const std::span<std::byte> room = batch_.reserve(Nbd::offsetHoleSize);
+      Nbd::encodeOffsetHole(room.first<Nbd::offsetHoleSize>(), request.cookie, flags, part.offset, length);
+      batch_.commit(Nbd::offsetHoleSize);
+    } else {
+      const std::span<std::byte> room = batch_.reserve(readHeaderSize());
+      if (limits_.structuredReplies) {
+        Nbd::encodeOffsetData(room.first<Nbd::offsetDataHeaderSize>(), request.cookie, flags, part.offset,
+                              length);
+      } else {
+        Nbd::encodeSimpleReply(room.first<Nbd::simpleReplySize>(), request.cookie);
+      }
+      batch_.commit(readHeaderSize());
+      batch_.send(true);
+      sender_.sendFile(publication_->storage, part.offset, length);
+      transferred += length;
+    }
+    part.offset += length;
+  }
+  countSent(request.length, transferred);
+}
+
+void Transmission::write(const Request& request, std::span<const std::byte> data) {
+  if (data.empty()) {
+    reply(request, 0);
+    return;
+  }
+  if (storage().node().memoryBacked && data.size() <= inlineWriteLength) {
+    // Memory is as stable as this storage gets, so FUA asks for nothing more.
+    const int error = storage().failed() ? EIO : writeAll(storage().descriptor(), data, request.offset);
+    received_.transfers += 1;
+    received_.bytes += data.size();
+    received_.bytesTransferred += data.size();
+    reply(request, error);
+    return;
+  }
+  Io::Buffer payload = worker_.buffers().take(data.size());
+  std::ranges::copy(data, payload.data());
+  begin(data.size(), writeSlowly(request, std::move(payload), {}));
+}
+
+void Transmission::flush(const Request& request) {
+  if (storage().node().memoryBacked) {
+    reply(request, storage().failed() ? EIO : 0);
+  } else {
+    begin(0, flushSlowly(request));
+  }
+}
+
+void Transmission::countSent(std::uint64_t bytes, std::uint64_t transferred) {
+  sent_.transfers += 1;
+  sent_.bytes += bytes;
+  sent_.bytesTransferred += transferred;
+}
+
+void Transmission::reply(const Request& request, int error) {
+  if (error != 0) {
+    replyError(request, wireError(error));
+  } else if (limits_.structuredReplies && request.type == Nbd::Command::read) {
+    Nbd::encodeNone(batch_.reserve(Nbd::chunkHeaderSize).first<Nbd::chunkHeaderSize>(), request.cookie);
+    batch_.commit(Nbd::chunkHeaderSize);
+  } else {
+    Nbd::encodeSimpleReply(batch_.reserve(Nbd::simpleReplySize).first<Nbd::simpleReplySize>(),
+                           request.cookie);
+    batch_.commit(Nbd::simpleReplySize);
+  }
+}
+
+void Transmission::replyError(const Request& request, Nbd::Error error) {
+  if (limits_.structuredReplies) {
+    const std::span<std::byte> room = batch_.reserve(Nbd::maxErrorChunkSize);
+    batch_.commit(
+        Nbd::encodeError(room.first<Nbd::maxErrorChunkSize>(), request.cookie, Nbd::ReplyFlag::done, error));
+  } else {
+    Nbd::encodeSimpleReply(batch_.reserve(Nbd::simpleReplySize).first<Nbd::simpleReplySize>(), request.cookie,
+                           error);
+    batch_.commit(Nbd::simpleReplySize);
+  }
+}
+
+}  // namespace Nbdd

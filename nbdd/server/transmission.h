@@ -1,0 +1,113 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <vector>
+
+#include "nbd/constants.h"
+#include "nbd/request.h"
+#include "nbd/server_handshake.h"
+#include "nbdd/exports/publication.h"
+#include "nbdd/io/buffer.h"
+#include "nbdd/io/scope.h"
+#include "nbdd/io/signal.h"
+#include "nbdd/io/stream.h"
+#include "nbdd/io/task.h"
+#include "nbdd/server/memory_budget.h"
+#include "nbdd/server/reply_batch.h"
+#include "nbdd/server/sender.h"
+
+namespace Nbdd {
+
+class Worker;
+
+/// The transmission phase of one connection: requests in, replies out, many at a time.
+///
+/// One turn takes what has arrived, carries out at once what needs no waiting (bytes that are in memory), and
+/// sends all those replies with one system call. What has to wait for storage becomes a coroutine of its own
+/// and replies when it is done, in any order. Nothing of a request is carried out before all of it has
+/// arrived. One worker's thread.
+class Transmission {
+ public:
+  Transmission(Worker& worker, Io::Stream& stream, Sender& sender,
+               std::shared_ptr<const Publication> publication,
+               const Nbd::ServerHandshake::Agreement& agreement);
+
+  /// Serves until the client ends the session, breaks the protocol or is gone, or until `stop`; then awaits
+  /// the requests that run. `received` is what arrived behind the handshake.
+  Io::Task<void> run(std::vector<std::byte> received);
+
+  /// Takes no further request.
+  void stop();
+
+ private:
+  using Request = Nbd::Request;
+
+  // Taking requests (transmission.cpp)
+  std::optional<std::span<const std::byte>> takeInput();
+  std::size_t execute(std::span<const std::byte> input);
+  std::size_t executeOne(std::span<const std::byte> input);
+  std::size_t refuse(const Request& request, Nbd::Error error);
+  void carryOut(const Request& request);
+  bool hasRoom() const;
+  void keep(std::span<const std::byte> rest);
+  void endTurn();
+  void over() { over_ = true; }
+  Io::Task<void> receivePayload();
+  Io::Task<bool> receiveInto(Io::Buffer& payload, std::size_t filled);
+
+  // What needs no waiting (transmission.cpp)
+  void read(const Request& request);
+  bool readFromMemory(const Request& request);
+  void readBySendFile(const Request& request);
+  void write(const Request& request, std::span<const std::byte> data);
+  void flush(const Request& request);
+
+  // What waits (requests.cpp)
+  void begin(std::size_t bytes, Io::Task<void> task);
+  Io::Task<void> counted(std::size_t bytes, Io::Task<void> task);
+  Io::Task<void> readSlowly(Request request);
+  Io::Task<void> writeSlowly(Request request, Io::Buffer payload, MemoryBudget::Share share);
+  Io::Task<void> flushSlowly(Request request);
+  Io::Task<void> trimSlowly(Request request);
+  Io::Task<void> writeZeroesSlowly(Request request);
+  Io::Task<void> cacheSlowly(Request request);
+  Io::Task<void> blockStatusSlowly(Request request);
+  Io::Task<int> syncIfAsked(Request request, int error);
+
+  // Replies
+  void reply(const Request& request, int error);  // 0 or a positive errno; within a turn
+  void replyError(const Request& request, Nbd::Error error);
+  void postReply(const Request& request, int error);  // the same, from a coroutine
+  void postError(const Request& request, Nbd::Error error);
+  std::size_t readHeaderSize() const;
+  void encodeReadHeader(std::span<std::byte> header, const Request& request, std::uint32_t length) const;
+  void countSent(std::uint64_t bytes, std::uint64_t transferred);
+
+  Storage& storage() const { return *publication_->storage; }
+
+  Worker& worker_;
+  Io::Stream& stream_;
+  Sender& sender_;
+  const std::shared_ptr<const Publication> publication_;
+  const Nbd::ExportLimits limits_;
+  const std::optional<std::uint32_t> allocationContext_;
+
+  ReplyBatch batch_;                  // of this turn
+  TransferCounters::Batch received_;  // of this turn
+  TransferCounters::Batch sent_;      // of this turn
+  Io::Buffer carried_;                // arrived, but not carried out yet
+  bool carriedIsRunnable_ = false;    // it starts with a whole request
+  std::uint64_t drain_ = 0;           // bytes of a refused write still to be read past
+  std::optional<Request> incoming_;   // a large write whose data are arriving
+  std::size_t inFlight_ = 0;          // requests that wait for storage
+  std::size_t inFlightBytes_ = 0;
+  bool over_ = false;
+  Io::Scope requests_;
+  Io::Signal room_;
+};
+
+}  // namespace Nbdd
