@@ -100,6 +100,7 @@ Result<std::string_view> Client::awaitMessage() {
     if (Clock::now() > deadline) return failure(FailureCode::timeout, "the service did not answer in time");
     const bool sending = !queued_.empty();
     if (auto sent = sendQueued(); !sent) return std::unexpected(std::move(sent.error()));
+    if (framing_.hasMessage()) continue;
     // Right after a call was sent its answer cannot be there yet: asking for it would be in vain.
     if (sending) {
       if (auto ready = wait(deadline); !ready) return std::unexpected(std::move(ready.error()));

@@ -212,7 +212,7 @@ Io::Task<bool> ControlServer::receive(Connection& connection) {
 
 // Sends all replies. False if the client is gone, or takes nothing for too long.
 Io::Task<bool> ControlServer::send(Connection& connection) {
-  Io::Timer stalled(loop_, [&connection] { connection.stream.interrupt(); });
+  Io::Timer stalled(loop_, [&connection] { connection.stream.shutDown(); });
   std::span<const char> rest(connection.output);
   while (!rest.empty()) {
     const ssize_t count = connection.stream.send(std::as_bytes(rest));
@@ -221,7 +221,7 @@ Io::Task<bool> ControlServer::send(Connection& connection) {
     } else if (count == -EAGAIN) {
       stalled.start(Limits::stalledClient);
       auto writable = connection.stream.writable();
-      if (co_await writable == Io::Stream::Wake::interrupted) co_return false;
+      co_await writable;
       stalled.cancel();
     } else {
       co_return false;
