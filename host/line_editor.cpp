@@ -1,9 +1,8 @@
 #include "host/line_editor.h"
 
-#include <langinfo.h>
-
 #include <algorithm>
 #include <clocale>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <string_view>
@@ -56,11 +55,17 @@ void LineEditor::bindKeys() {
   EditLine* const el = editor_.get();
   // While a line is edited Ctrl-C is a key like any other, so that no signal has to be raced with. It goes to
   // the end of the text first, as the new prompt is to stand below all of it.
-  el_set(el, EL_SETTY, "-d", "intr=", nullptr);
+  el_set(el, EL_SETTY, "-d", "-isig", nullptr);
   el_set(el, EL_ADDFN, "interrupt", "Drop the line", &LineEditor::interrupt);
-  el_set(el, EL_ADDFN, "delete-or-end", "Delete, or end of input", &LineEditor::deleteOrEnd);
   el_set(el, EL_BIND, "^X^C", "interrupt", nullptr);
   el_set(el, EL_BIND, "-s", "^C", "^E^X^C", nullptr);
+  // With that the other keys that make signals have to be seen to.
+  el_set(el, EL_ADDFN, "suspend", "Stop the process", &LineEditor::raiseSignal<SIGTSTP>);
+  el_set(el, EL_BIND, "^Z", "suspend", nullptr);
+  el_set(el, EL_ADDFN, "quit", "Abort the process", &LineEditor::raiseSignal<SIGQUIT>);
+  el_set(el, EL_BIND, "\\034", "quit", nullptr);
+
+  el_set(el, EL_ADDFN, "delete-or-end", "Delete, or end of input", &LineEditor::deleteOrEnd);
   el_set(el, EL_BIND, "^D", "delete-or-end", nullptr);
   el_set(el, EL_BIND, "^R", "em-inc-search-prev", nullptr);
 }
@@ -78,6 +83,9 @@ LineEditor::Result LineEditor::read(std::string prompt, const std::string& initi
   if (!initial.empty()) {
     el_push(el, initial.c_str());
   }
+  // Left to itself the editor would draw the prompt first, and keys typed at that moment would be echoed
+  // twice.
+  el_set(el, EL_PREP_TERM, 1);
   int length = 0;
   const char* const text = el_gets(el, &length);
   if (interrupted_) {
@@ -108,6 +116,12 @@ char* LineEditor::drawPrompt(EditLine* editor) { return of(editor).prompt_.data(
 unsigned char LineEditor::interrupt(EditLine* editor, int /*key*/) {
   of(editor).interrupted_ = true;
   return CC_NEWLINE;
+}
+
+template <int Signal>
+unsigned char LineEditor::raiseSignal(EditLine* /*editor*/, int /*key*/) {
+  std::raise(Signal);
+  return CC_REDISPLAY;
 }
 
 unsigned char LineEditor::deleteOrEnd(EditLine* editor, int /*key*/) {

@@ -49,6 +49,8 @@ class LineEditor {
   static LineEditor& of(EditLine* editor);
   static char* drawPrompt(EditLine* editor);
   static unsigned char interrupt(EditLine* editor, int key);
+  template <int Signal>
+  static unsigned char raiseSignal(EditLine* editor, int key);
   static unsigned char deleteOrEnd(EditLine* editor, int key);
 
   // The editor uses the history, so it goes first.

@@ -61,6 +61,11 @@ class Ref {
     hold();
   }
 
+  template <class U>
+    requires(std::is_convertible_v<U*, T*> && !std::is_same_v<U, T>)
+  Ref(Ref<U>&& other) noexcept  // NOLINT(google-explicit-constructor)
+      : object_(std::exchange(other.object_, nullptr)) {}
+
   ~Ref() {
     if (object_ != nullptr) {
       object_->releaseRef();
@@ -87,6 +92,9 @@ class Ref {
   explicit operator bool() const noexcept { return object_ != nullptr; }
 
  private:
+  template <class U>
+  friend class Ref;
+
   void hold() const noexcept {
     if (object_ != nullptr) {
       object_->addRef();
