@@ -79,51 +79,60 @@ void writeAll(int descriptor, std::string_view text) {
   }
 }
 
-/// Where the service's log goes. Used under the log's mutex, but for `redirect`, which start-up calls before
-/// there is a second thread.
-class StandardError {
+/// Where the service's log goes: standard error, or a file of bounded size. Used under the log's mutex, but
+/// for `redirect` and `detach`, which start-up calls before there is a second thread.
+class Destination {
  public:
   void line(std::string_view text) {
-    if (!path_.empty()) rotateIfFull(text.size());
-    writeAll(STDERR_FILENO, text);
+    if (file_ && length_ + text.size() > Limits::logFileLength) putAside();
+    writeAll(file_ ? file_.number() : STDERR_FILENO, text);
     length_ += text.size();
   }
 
   int redirect(const std::filesystem::path& path) {
-    const std::filesystem::path before = path_;
-    path_ = path;
+    const std::filesystem::path before = std::exchange(path_, path);
     const int failure = open();
     if (failure != 0) path_ = before;
     return failure;
   }
 
+  void detach() {
+    detached_ = true;
+    const Io::FileDescriptor nothing(::open("/dev/null", O_WRONLY | O_CLOEXEC));
+    const int target = file_ ? file_.number() : nothing.number();
+    ::dup2(target, STDOUT_FILENO);
+    ::dup2(target, STDERR_FILENO);
+  }
+
  private:
   int open() {
-    const Io::FileDescriptor file(
+    Io::FileDescriptor file(
         ::open(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600));
     struct stat status{};
     if (!file || ::fstat(file.number(), &status) != 0) return errno;
     length_ = static_cast<std::size_t>(status.st_size);
-    if (::dup2(file.number(), STDERR_FILENO) < 0 || ::dup2(file.number(), STDOUT_FILENO) < 0) return errno;
+    file_ = std::move(file);
+    if (detached_) detach();
     return 0;
   }
 
-  void rotateIfFull(std::size_t next) {
-    if (length_ + next <= Limits::logFileLength) return;
-    std::error_code ignored;
+  void putAside() {
     std::filesystem::path aside = path_;
     aside += ".1";
-    std::filesystem::rename(path_, aside, ignored);
-    // If that failed there is nowhere to go: the old file goes on growing only as far as it can be renamed.
-    if (ignored || open() != 0) length_ = 0;
+    std::error_code failure;
+    std::filesystem::rename(path_, aside, failure);
+    // Where even that fails, the file goes on, and the attempt is made again one length later.
+    if (failure || open() != 0) length_ = 0;
   }
 
   std::filesystem::path path_;
+  Io::FileDescriptor file_;
   std::size_t length_ = 0;
+  bool detached_ = false;
 };
 
-StandardError& standardError() {
-  static StandardError instance;
+Destination& destination() {
+  static Destination instance;
   return instance;
 }
 
@@ -194,10 +203,12 @@ Log& serviceLog() {
         return stream != nullptr && isJournalStream(STDERR_FILENO, stream) ? Log::Form::journal
                                                                            : Log::Form::plain;
       }(),
-      [](std::string_view line) { standardError().line(line); });
+      [](std::string_view line) { destination().line(line); });
   return instance;
 }
 
-int redirectLogTo(const std::filesystem::path& path) { return standardError().redirect(path); }
+int redirectLogTo(const std::filesystem::path& path) { return destination().redirect(path); }
+
+void detachStandardError() { destination().detach(); }
 
 }  // namespace Nbdd

@@ -76,9 +76,12 @@ void log(LogLevel level, std::string_view kind, fmt::format_string<Arguments...>
 /// JOURNAL_STREAM, "device:inode") tells of.
 bool isJournalStream(int number, std::string_view journalStream);
 
-/// From now on standard error (and output) leads to the file `path`, which is put aside as `path`.1 whenever
-/// it has grown too long. For a service that was started on demand and has nobody to talk to. Returns 0 or an
-/// errno; after a failure everything is as it was.
+/// From now on the log goes to the file `path`, which is put aside as `path`.1 whenever it has grown too
+/// long. Standard error stays what it was. Returns 0 or an errno; after a failure everything is as it was.
 int redirectLogTo(const std::filesystem::path& path);
+
+/// Lets go of standard output and error: what libraries still write there joins the log file, if there is
+/// one.
+void detachStandardError();
 
 }  // namespace Nbdd

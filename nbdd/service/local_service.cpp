@@ -1,0 +1,258 @@
+#include "nbdd/service/local_service.h"
+
+#include <fmt/core.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "nbdd/limits.h"
+#include "nbdd/log/log.h"
+#include "talvek_version.h"
+
+namespace Nbdd {
+
+namespace {
+
+using Control::Answer;
+using Control::Failure;
+using Control::FailureCode;
+
+/// Answers an operation that a later version brings.
+template <class T>
+void answerNotSupported(Answer<T>& answer, std::string_view what) {
+  answer(std::unexpected(
+      Failure{FailureCode::notSupported, fmt::format("{} not available in this version", what)}));
+}
+
+Failure endingFailure() { return {FailureCode::serviceStopping, "the service is about to end"}; }
+
+}  // namespace
+
+LocalService::LocalService(Io::EventLoop& loop, StateStore& store, SavedState state,
+                           ListenConfiguration listening)
+    : loop_(loop),
+      store_(store),
+      saved_(std::move(state)),
+      listening_(std::move(listening)),
+      retryDelay_(Limits::listenRetryFirst),
+      retry_(loop, [this] { listenAgain(); }),
+      server_(
+          loop, {},
+          {.lastClientLeft = [this](Control::ExportId id) { registry_.lastClientLeft(id); },
+           .storageFailed = [this](Control::ExportId id, int error) { registry_.storageFailed(id, error); }}),
+      publisher_(server_),
+      registry_(publisher_, [this] { return save(); }) {}
+
+LocalService::~LocalService() = default;
+
+void LocalService::restore() {
+  registry_.restore(saved_);
+  if (saved_.serverStarted) listenAgain();
+}
+
+void LocalService::listenAgain() {
+  if (const auto listened = server_.listen(listening_); !listened) {
+    log(LogLevel::warning, "listen-again", "the server cannot listen again, next attempt in {} s: {}",
+        std::chrono::duration<double>(retryDelay_).count(), listened.error().message);
+    retry_.start(retryDelay_);
+    retryDelay_ = std::min(2 * retryDelay_, Limits::listenRetryLongest);
+    return;
+  }
+  log(LogLevel::info, "server-started", "the server listens on port {}", server_.port());
+}
+
+Control::Result<void> LocalService::save() {
+  registry_.describe(saved_);
+  auto stored = store_.save(saved_);
+  if (!stored) log(LogLevel::error, "state-not-saved", "{}", stored.error().message);
+  return stored;
+}
+
+Control::Result<void> LocalService::remember(bool started) {
+  if (saved_.serverStarted == started) return {};
+  saved_.serverStarted = started;
+  auto stored = save();
+  if (!stored) saved_.serverStarted = !started;
+  return stored;
+}
+
+void LocalService::close(Io::Function done) {
+  ending_ = true;
+  retry_.cancel();
+  ended_ = std::move(done);
+  if (closing_) return;
+  closing_ = true;
+  server_.close([this] { serverClosed(); });
+}
+
+bool LocalService::active() const {
+  return saved_.serverStarted || closing_ || registry_.activeCount() > 0 || server_.connectionCount() > 0;
+}
+
+std::string LocalService::summary() const {
+  return fmt::format(
+      "{} exports, {} of them served; {}; {} connections", registry_.size(), registry_.activeCount(),
+      server_.listening() ? fmt::format("listening on port {}", server_.port()) : "not listening",
+      server_.connectionCount());
+}
+
+// The server.
+
+void LocalService::serverStart(Answer<std::vector<Control::NetIfFirewallState>> answer) {
+  if (ending_) return answer(std::unexpected(endingFailure()));
+  if (closing_) return startAnswers_.push_back(std::move(answer));
+  answer(start());
+}
+
+Control::Result<std::vector<Control::NetIfFirewallState>> LocalService::start() {
+  if (!server_.listening()) {
+    if (const auto listened = server_.listen(listening_); !listened) return std::unexpected(listened.error());
+    if (auto remembered = remember(true); !remembered) {
+      closing_ = true;
+      server_.close([this] { serverClosed(); });
+      return std::unexpected(std::move(remembered.error()));
+    }
+    retry_.cancel();
+    log(LogLevel::info, "server-started", "the server listens on port {}", server_.port());
+  }
+  return server_.endpoints();
+}
+
+void LocalService::serverStop(Answer<void> answer) {
+  if (ending_) return answer(std::unexpected(endingFailure()));
+  if (closing_) return stopAnswers_.push_back(std::move(answer));
+  if (auto remembered = remember(false); !remembered) return answer(std::move(remembered));
+  retry_.cancel();
+  retryDelay_ = Limits::listenRetryFirst;
+  if (!server_.listening()) return answer({});
+  stopAnswers_.push_back(std::move(answer));
+  closing_ = true;
+  server_.close([this] { serverClosed(); });
+}
+
+void LocalService::serverClosed() {
+  closing_ = false;
+  log(LogLevel::info, "server-stopped", "the server has stopped");
+  for (Answer<void>& answer : std::exchange(stopAnswers_, {})) answer({});
+  for (auto& answer : std::exchange(startAnswers_, {})) serverStart(std::move(answer));
+  if (ended_) std::exchange(ended_, {})();
+}
+
+void LocalService::serverCapabilities(Answer<Control::Flags<Control::ServerCapability>> answer) {
+  answer(Control::Flags<Control::ServerCapability>{Control::ServerCapability::readWriteExports});
+}
+
+void LocalService::serverGetNamedProperties(Answer<Control::Variant> answer) {
+  Control::Variant properties;
+  properties.push_back({"uuid", saved_.serverUuid});
+  properties.push_back({"version", std::string(talvekVersion)});
+  properties.push_back({"platform", std::string("Linux")});
+  properties.push_back({"storage engine", std::string(server_.storageEngine())});
+  answer(std::move(properties));
+}
+
+void LocalService::serverDiscover(Answer<std::vector<Control::RemoteServerDescriptor>> answer) {
+  answerNotSupported(answer, "discovery is");
+}
+
+void LocalService::serverEnableReservation(std::optional<std::string> /*password*/, Answer<void> answer) {
+  answerNotSupported(answer, "reservation is");
+}
+
+void LocalService::serverGetReservation(Answer<Control::LocalServerReservationInfo> answer) {
+  answerNotSupported(answer, "reservation is");
+}
+
+void LocalService::serverReserveRemote(Control::RemoteServerReservationRequest /*request*/,
+                                       Answer<void> answer) {
+  answerNotSupported(answer, "reservation is");
+}
+
+void LocalService::serverUnreserveRemote(Control::Endpoint /*endpoint*/, Answer<void> answer) {
+  answerNotSupported(answer, "reservation is");
+}
+
+void LocalService::serverListRemoteReservations(
+    Answer<std::vector<Control::RemoteServerReservationInfo>> answer) {
+  answerNotSupported(answer, "reservation is");
+}
+
+// Exports.
+
+void LocalService::exportList(Answer<std::vector<Control::ExportId>> answer) { answer(registry_.list()); }
+
+void LocalService::exportInfo(Control::ExportId id, Answer<Control::ExportInfo> answer) {
+  answer(registry_.info(id));
+}
+
+void LocalService::exportGetClients(Control::ExportId id,
+                                    Answer<std::vector<Control::ExportClientInfo>> answer) {
+  answer(registry_.clients(id));
+}
+
+void LocalService::exportGetStatistics(Control::ExportId id, Answer<Control::ExportStatistics> answer) {
+  answer(registry_.statistics(id));
+}
+
+void LocalService::exportAdd(Control::ExportDescriptor descriptor, Answer<Control::ExportId> answer) {
+  if (ending_) return answer(std::unexpected(endingFailure()));
+  answer(registry_.add(descriptor));
+}
+
+void LocalService::exportEnable(Control::ExportId id, Answer<void> answer) {
+  if (ending_) return answer(std::unexpected(endingFailure()));
+  answer(registry_.enable(id));
+}
+
+void LocalService::exportDisable(Control::ExportId id, bool force, Answer<void> answer) {
+  if (ending_) return answer(std::unexpected(endingFailure()));
+  if (force) return registry_.disableByForce(id, std::move(answer));
+  answer(registry_.disable(id));
+}
+
+void LocalService::exportRemove(Control::ExportId id, Answer<void> answer) {
+  if (ending_) return answer(std::unexpected(endingFailure()));
+  answer(registry_.remove(id));
+}
+
+// Imports.
+
+void LocalService::importList(Answer<std::vector<Control::ImportId>> answer) {
+  answerNotSupported(answer, "imports are");
+}
+
+void LocalService::importInfo(Control::ImportId /*id*/, Answer<Control::ImportInfo> answer) {
+  answerNotSupported(answer, "imports are");
+}
+
+void LocalService::importAdd(Control::ImportDescriptor /*descriptor*/, Answer<Control::ImportId> answer) {
+  answerNotSupported(answer, "imports are");
+}
+
+void LocalService::importEnable(Control::ImportId /*id*/, Answer<void> answer) {
+  answerNotSupported(answer, "imports are");
+}
+
+void LocalService::importDisable(Control::ImportId /*id*/, bool /*force*/, Answer<void> answer) {
+  answerNotSupported(answer, "imports are");
+}
+
+void LocalService::importRemove(Control::ImportId /*id*/, Answer<void> answer) {
+  answerNotSupported(answer, "imports are");
+}
+
+void LocalService::importListNodeInterfaces(Control::ImportId /*id*/, Answer<Control::Variant> answer) {
+  answerNotSupported(answer, "imports are");
+}
+
+void LocalService::importEnableTransferCompression(bool /*enable*/, Answer<void> answer) {
+  answerNotSupported(answer, "transfer compression is");
+}
+
+void LocalService::fetchRemoteExports(Control::Endpoint /*endpoint*/,
+                                      std::optional<std::string> /*expression*/,
+                                      Answer<Control::RemoteExportList> answer) {
+  answerNotSupported(answer, "the exports of remote servers are");
+}
+
+}  // namespace Nbdd

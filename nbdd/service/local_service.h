@@ -1,0 +1,123 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "control/interface.h"
+#include "nbdd/exports/registry.h"
+#include "nbdd/io/event_loop.h"
+#include "nbdd/server/server.h"
+#include "nbdd/state/state_store.h"
+
+namespace Nbdd {
+
+/// The operations of the control socket, done by the export registry and the NBD server of this process.
+///
+/// Keeps what has to survive in a StateStore: a started server listens again after a restart, and if it
+/// cannot (another program took the port meanwhile), it goes on trying, less and less often. Everything
+/// belongs to the thread of the control loop.
+class LocalService final : public Control::Service {
+ public:
+  /// Starts the server's threads. `store` and `loop` outlive this; `state` is what was loaded from `store`.
+  /// Throws std::system_error if the system refuses the threads (start-up only).
+  LocalService(Io::EventLoop& loop, StateStore& store, SavedState state, ListenConfiguration listening);
+  ~LocalService() override;
+  LocalService(const LocalService&) = delete;
+  LocalService& operator=(const LocalService&) = delete;
+
+  /// Brings back what was saved: enabled exports, then the started server. Once, before the first operation.
+  void restore();
+
+  /// Stops serving without forgetting that it should: the end of the process. Calls `done` when every session
+  /// has ended; operations that would start something fail from now on.
+  void close(Io::Function done);
+
+  /// Whether something here needs the process: a started server, or an export that is served.
+  bool active() const;
+  /// Exports that are held and served, and clients, as one short line for people.
+  std::string summary() const;
+
+  void serverStart(Control::Answer<std::vector<Control::NetIfFirewallState>> answer) override;
+  void serverStop(Control::Answer<void> answer) override;
+  void serverCapabilities(Control::Answer<Control::Flags<Control::ServerCapability>> answer) override;
+  void serverGetNamedProperties(Control::Answer<Control::Variant> answer) override;
+  void serverDiscover(Control::Answer<std::vector<Control::RemoteServerDescriptor>> answer) override;
+  void serverEnableReservation(std::optional<std::string> password, Control::Answer<void> answer) override;
+  void serverGetReservation(Control::Answer<Control::LocalServerReservationInfo> answer) override;
+  void serverReserveRemote(Control::RemoteServerReservationRequest request,
+                           Control::Answer<void> answer) override;
+  void serverUnreserveRemote(Control::Endpoint endpoint, Control::Answer<void> answer) override;
+  void serverListRemoteReservations(
+      Control::Answer<std::vector<Control::RemoteServerReservationInfo>> answer) override;
+
+  void exportList(Control::Answer<std::vector<Control::ExportId>> answer) override;
+  void exportInfo(Control::ExportId id, Control::Answer<Control::ExportInfo> answer) override;
+  void exportGetClients(Control::ExportId id,
+                        Control::Answer<std::vector<Control::ExportClientInfo>> answer) override;
+  void exportGetStatistics(Control::ExportId id, Control::Answer<Control::ExportStatistics> answer) override;
+  void exportAdd(Control::ExportDescriptor descriptor, Control::Answer<Control::ExportId> answer) override;
+  void exportEnable(Control::ExportId id, Control::Answer<void> answer) override;
+  void exportDisable(Control::ExportId id, bool force, Control::Answer<void> answer) override;
+  void exportRemove(Control::ExportId id, Control::Answer<void> answer) override;
+
+  void importList(Control::Answer<std::vector<Control::ImportId>> answer) override;
+  void importInfo(Control::ImportId id, Control::Answer<Control::ImportInfo> answer) override;
+  void importAdd(Control::ImportDescriptor descriptor, Control::Answer<Control::ImportId> answer) override;
+  void importEnable(Control::ImportId id, Control::Answer<void> answer) override;
+  void importDisable(Control::ImportId id, bool force, Control::Answer<void> answer) override;
+  void importRemove(Control::ImportId id, Control::Answer<void> answer) override;
+  void importListNodeInterfaces(Control::ImportId id, Control::Answer<Control::Variant> answer) override;
+  void importEnableTransferCompression(bool enable, Control::Answer<void> answer) override;
+
+  void fetchRemoteExports(Control::Endpoint endpoint, std::optional<std::string> expression,
+                          Control::Answer<Control::RemoteExportList> answer) override;
+
+ private:
+  /// The registry's view of the server.
+  class Publisher final : public ExportPublisher {
+   public:
+    explicit Publisher(Server& server) : server_(server) {}
+    void publish(Publication publication) override { server_.publish(std::move(publication)); }
+    void withdraw(Control::ExportId id) override { server_.withdraw(id); }
+    void endSessions(Control::ExportId id, std::move_only_function<void()> done) override {
+      server_.endSessions(id, std::move(done));
+    }
+    std::vector<Control::ExportClientInfo> clients(Control::ExportId id) const override {
+      return server_.clients(id);
+    }
+    std::size_t clientCount(Control::ExportId id) const override { return server_.clientCount(id); }
+
+   private:
+    Server& server_;
+  };
+
+  Control::Result<void> save();
+  Control::Result<std::vector<Control::NetIfFirewallState>> start();
+  Control::Result<void> remember(bool started);
+  /// Listens again after a restart, and if that fails, later once more.
+  void listenAgain();
+  void serverClosed();
+
+  Io::EventLoop& loop_;
+  StateStore& store_;
+  SavedState saved_;
+  const ListenConfiguration listening_;
+
+  // The server is closing: who asked for it, and who asks for a new start meanwhile.
+  bool closing_ = false;
+  bool ending_ = false;
+  std::vector<Control::Answer<void>> stopAnswers_;
+  std::vector<Control::Answer<std::vector<Control::NetIfFirewallState>>> startAnswers_;
+  Io::Function ended_;
+
+  std::chrono::milliseconds retryDelay_;
+  Io::Timer retry_;
+
+  Server server_;
+  Publisher publisher_;
+  ExportRegistry registry_;
+};
+
+}  // namespace Nbdd
