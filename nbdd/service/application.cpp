@@ -59,6 +59,8 @@ StartUp<void> Application::start() {
   const auto idle = idleTime(processEnvironment);
   if (!idle) return std::unexpected(idle.error());
   idleTime_ = *idle;
+  const auto storage = serverOptions(processEnvironment);
+  if (!storage) return std::unexpected(storage.error());
 
   auto locks = claimDirectories(locations_);
   if (!locks) return std::unexpected(std::move(locks.error()));
@@ -71,7 +73,8 @@ StartUp<void> Application::start() {
   auto listener = listenForControl();
   if (!listener) return std::unexpected(std::move(listener.error()));
 
-  service_ = std::make_unique<LocalService>(loop_, store_, std::move(*state), listening(configuration_));
+  service_ =
+      std::make_unique<LocalService>(loop_, store_, std::move(*state), listening(configuration_), *storage);
   service_->restore();
   control_ =
       std::make_unique<ControlServer>(loop_, *service_, identity(), std::move(*listener),

@@ -29,7 +29,7 @@ Failure endingFailure() { return {FailureCode::serviceStopping, "the service is 
 }  // namespace
 
 LocalService::LocalService(Io::EventLoop& loop, StateStore& store, SavedState state,
-                           ListenConfiguration listening)
+                           ListenConfiguration listening, Server::Options serverOptions)
     : loop_(loop),
       store_(store),
       saved_(std::move(state)),
@@ -37,7 +37,7 @@ LocalService::LocalService(Io::EventLoop& loop, StateStore& store, SavedState st
       retryDelay_(Limits::listenRetryFirst),
       retry_(loop, [this] { listenAgain(); }),
       server_(
-          loop, {},
+          loop, serverOptions,
           {.lastClientLeft = [this](Control::ExportId id) { registry_.lastClientLeft(id); },
            .storageFailed = [this](Control::ExportId id, int error) { registry_.storageFailed(id, error); }}),
       publisher_(server_),

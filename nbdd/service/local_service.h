@@ -22,7 +22,8 @@ class LocalService final : public Control::Service {
  public:
   /// Starts the server's threads. `store` and `loop` outlive this; `state` is what was loaded from `store`.
   /// Throws std::system_error if the system refuses the threads (start-up only).
-  LocalService(Io::EventLoop& loop, StateStore& store, SavedState state, ListenConfiguration listening);
+  LocalService(Io::EventLoop& loop, StateStore& store, SavedState state, ListenConfiguration listening,
+               Server::Options serverOptions = {});
   ~LocalService() override;
   LocalService(const LocalService&) = delete;
   LocalService& operator=(const LocalService&) = delete;

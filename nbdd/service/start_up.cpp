@@ -111,6 +111,14 @@ void prepareProcess() {
   }
 }
 
+StartUp<Server::Options> serverOptions(const Environment& environment) {
+  const std::string wish = environment("NBDD_IO").value_or("io_uring");
+  if (wish != "io_uring" && wish != "threads") {
+    return fail("NBDD_IO must be io_uring or threads: correct it, or unset it");
+  }
+  return Server::Options{.allowRing = wish == "io_uring"};
+}
+
 StartUp<std::chrono::seconds> idleTime(const Environment& environment) {
   const std::optional<std::string> text = environment("NBDD_IDLE_SECONDS");
   if (!text) return Limits::idleTime;

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "nbdd/config/locations.h"
+#include "nbdd/server/server.h"
 #include "nbdd/service/options.h"
 #include "nbdd/state/state_store.h"
 
@@ -40,6 +41,10 @@ std::optional<gid_t> controlGroup(const Locations& locations);
 
 /// Lets the process open as many files as it may, and outlive clients that go away.
 void prepareProcess();
+
+/// How the server waits for storage. NBDD_IO=threads makes it do without io_uring, for a kernel whose
+/// io_uring is not to be trusted.
+StartUp<Server::Options> serverOptions(const Environment& environment);
 
 /// How long a service that was started on demand stays with nothing to do.
 StartUp<std::chrono::seconds> idleTime(const Environment& environment);
