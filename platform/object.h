@@ -44,27 +44,27 @@ template <class T>
 class Ref {
  public:
   constexpr Ref() noexcept = default;
-  constexpr Ref(std::nullptr_t) noexcept {
-  }  // NOLINT(google-explicit-constructor): an empty Ref is written nullptr
+
+  // Meant to be implicit: an empty Ref is written nullptr, and one to an object is one to its base.
+  // NOLINTBEGIN(google-explicit-constructor)
+  constexpr Ref(std::nullptr_t) noexcept {}
+
+  template <class U>
+    requires(std::is_convertible_v<U*, T*> && !std::is_same_v<U, T>)
+  Ref(const Ref<U>& other) noexcept : object_(other.get()) {
+    hold();
+  }
+
+  template <class U>
+    requires(std::is_convertible_v<U*, T*> && !std::is_same_v<U, T>)
+  Ref(Ref<U>&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
+  // NOLINTEND(google-explicit-constructor)
 
   /// Takes a hold on `object`, which may be null.
   explicit Ref(T* object) noexcept : object_(object) { hold(); }
 
   Ref(const Ref& other) noexcept : object_(other.object_) { hold(); }
   Ref(Ref&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
-
-  /// A Ref to a derived object is one to its base.
-  template <class U>
-    requires(std::is_convertible_v<U*, T*> && !std::is_same_v<U, T>)
-  Ref(const Ref<U>& other) noexcept  // NOLINT(google-explicit-constructor)
-      : object_(other.get()) {
-    hold();
-  }
-
-  template <class U>
-    requires(std::is_convertible_v<U*, T*> && !std::is_same_v<U, T>)
-  Ref(Ref<U>&& other) noexcept  // NOLINT(google-explicit-constructor)
-      : object_(std::exchange(other.object_, nullptr)) {}
 
   ~Ref() {
     if (object_ != nullptr) {

@@ -46,7 +46,8 @@ int registerTearDown(void (*function)()) {
   if (memory == nullptr) {
     return -1;
   }
-  newest = new (memory) Node{newest, function};
+  newest = new (memory)
+      Node{newest, function};  // NOLINT(cppcoreguidelines-owning-memory): the heap's, till it ran
   return 0;
 }
 

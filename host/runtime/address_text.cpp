@@ -22,8 +22,9 @@ static_assert(IPAddress::familyIPv4 == AF_INET && IPAddress::familyIPv6 == AF_IN
 /// The number of a scope, which is written as that number or as an interface's name.
 std::optional<std::uint32_t> scopeNumber(std::string_view text) {
   std::uint32_t number = 0;
-  const char* const end = text.data() + text.size();
-  const auto [stop, error] = std::from_chars(text.data(), end, number);
+  const char* const start = text.data();
+  const char* const end = start + text.size();
+  const auto [stop, error] = std::from_chars(start, end, number);
   if (error == std::errc() && stop == end) {
     return number;
   }

@@ -17,11 +17,10 @@ void walk(std::string_view path, bool rooted, std::vector<std::string_view>& nam
     if (name.empty() || name == ".") {
       continue;
     }
-    if (name != "..") {
-      names.push_back(name);
-    } else if (!names.empty() && names.back() != "..") {
+    const bool up = name == "..";
+    if (up && !names.empty() && names.back() != "..") {
       names.pop_back();
-    } else if (!rooted) {
+    } else if (!up || !rooted) {
       names.push_back(name);
     }
   }

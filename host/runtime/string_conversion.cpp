@@ -19,8 +19,9 @@ bool num(const Ref<String>& text, std::uint64_t* number, const Ref<String>& pref
   }
   // For an unsigned type from_chars takes digits alone: no sign, no blanks, no base prefix.
   std::uint64_t value = 0;
-  const char* const end = digits.data() + digits.size();
-  const auto [stop, error] = std::from_chars(digits.data(), end, value);
+  const char* const start = digits.data();
+  const char* const end = start + digits.size();
+  const auto [stop, error] = std::from_chars(start, end, value);
   if (error != std::errc() || stop != end) {
     return false;
   }
