@@ -182,6 +182,12 @@ Io::Task<bool> ControlServer::answer(Connection& connection, std::string_view me
     outcome = std::move(result);
     answered.notify();
   });
+  // While this call takes its time, the client can have the answers to the ones before.
+  bool open = true;
+  if (!outcome && !connection.output.empty()) {
+    auto sending = send(connection);
+    open = co_await sending;
+  }
   while (!outcome) {
     auto waiting = answered.wait();
     co_await waiting;
@@ -189,7 +195,7 @@ Io::Task<bool> ControlServer::answer(Connection& connection, std::string_view me
   connection.completedCalls = true;
   connection.lastUse = loop_.now();
   if (!outcome->reply.empty()) connection.output += framed(std::move(outcome->reply));
-  co_return !outcome->close;
+  co_return open && !outcome->close;
 }
 
 // Waits for the next bytes. False when none will come.
