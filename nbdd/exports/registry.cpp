@@ -197,7 +197,9 @@ Control::Result<void> ExportRegistry::handle(Exports::iterator position, ExportE
       return std::unexpected(std::move(stored.error()));
     }
     forget(removed.mapped());
-    std::erase_if(storages_, [](const auto& entry) { return entry.second.expired(); });
+    std::erase_if(storages_, [](const auto& entry) {
+      return std::ranges::all_of(entry.second, [](const auto& candidate) { return candidate.expired(); });
+    });
     log(LogLevel::info, "export-removed", "export {} removed", number(removed.key()));
     return {};
   }
@@ -226,7 +228,9 @@ Control::Result<void> ExportRegistry::serve(Exports::iterator position) {
   if (auto entered = enter(subject, row, changed); !entered) return entered;
   remember(subject, opened->identity);
   auto storage = std::make_shared<Storage>(std::move(opened->node));
-  storages_.insert_or_assign(opened->identity, storage);
+  std::vector<std::weak_ptr<Storage>>& held = storages_[opened->identity];
+  std::erase_if(held, [](const auto& candidate) { return candidate.expired(); });
+  held.push_back(storage);
   publisher_.publish({.id = position->first,
                       .name = subject.saved.name,
                       .description = {},
@@ -248,12 +252,13 @@ Control::Result<OpenedNode> ExportRegistry::openUnlessExported(Export& subject) 
 
 Control::Result<OpenedNode> ExportRegistry::open(const std::string& path, const NodeIdentity& identity,
                                                  bool readOnly) {
-  const auto found = storages_.find(identity);
-  if (found != storages_.end()) {
-    if (const std::shared_ptr<Storage> storage = found->second.lock()) {
-      if (readOnly || !storage->readOnly()) return shareNode(storage->node(), identity, path, readOnly);
-    } else {
-      storages_.erase(found);
+  const auto held = storages_.find(identity);
+  if (held != storages_.end()) {
+    for (const std::weak_ptr<Storage>& candidate : held->second) {
+      const std::shared_ptr<Storage> storage = candidate.lock();
+      if (storage && (readOnly || !storage->readOnly())) {
+        return shareNode(storage->node(), identity, path, readOnly);
+      }
     }
   }
   return openNode(path, readOnly);

@@ -109,9 +109,9 @@ class ExportRegistry {
   std::unordered_map<std::string, Control::ExportId> byName_;
   std::unordered_map<std::string, Control::ExportId> byPath_;
   std::unordered_map<NodeIdentity, Control::ExportId> byIdentity_;
-  /// What was served last of each node. A session may hold it a little longer than the export is enabled, and
-  /// the lock on it would keep ourselves out.
-  std::unordered_map<NodeIdentity, std::weak_ptr<Storage>> storages_;
+  /// What was served of each node and may still be held: a session may keep it a little longer than the
+  /// export is enabled, and the lock on it would keep ourselves out.
+  std::unordered_map<NodeIdentity, std::vector<std::weak_ptr<Storage>>> storages_;
 };
 
 }  // namespace Nbdd

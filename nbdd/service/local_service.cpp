@@ -81,7 +81,12 @@ void LocalService::close(Io::Function done) {
   retry_.cancel();
   ended_ = std::move(done);
   if (closing_) return;
+  closeServer();
+}
+
+void LocalService::closeServer() {
   closing_ = true;
+  if (server_.listening()) log(LogLevel::info, "server-stopping", "the server stops");
   server_.close([this] { serverClosed(); });
 }
 
@@ -108,8 +113,7 @@ Control::Result<std::vector<Control::NetIfFirewallState>> LocalService::start() 
   if (!server_.listening()) {
     if (const auto listened = server_.listen(listening_); !listened) return std::unexpected(listened.error());
     if (auto remembered = remember(true); !remembered) {
-      closing_ = true;
-      server_.close([this] { serverClosed(); });
+      closeServer();
       return std::unexpected(std::move(remembered.error()));
     }
     retry_.cancel();
@@ -126,13 +130,11 @@ void LocalService::serverStop(Answer<void> answer) {
   retryDelay_ = Limits::listenRetryFirst;
   if (!server_.listening()) return answer({});
   stopAnswers_.push_back(std::move(answer));
-  closing_ = true;
-  server_.close([this] { serverClosed(); });
+  closeServer();
 }
 
 void LocalService::serverClosed() {
   closing_ = false;
-  log(LogLevel::info, "server-stopped", "the server has stopped");
   for (Answer<void>& answer : std::exchange(stopAnswers_, {})) answer({});
   for (auto& answer : std::exchange(startAnswers_, {})) serverStart(std::move(answer));
   if (ended_) std::exchange(ended_, {})();
@@ -148,6 +150,7 @@ void LocalService::serverGetNamedProperties(Answer<Control::Variant> answer) {
   properties.push_back({"version", std::string(talvekVersion)});
   properties.push_back({"platform", std::string("Linux")});
   properties.push_back({"storage engine", std::string(server_.storageEngine())});
+  if (server_.listening()) properties.push_back({"port", std::uint64_t{server_.port()}});
   answer(std::move(properties));
 }
 

@@ -99,6 +99,7 @@ class LocalService final : public Control::Service {
   Control::Result<void> remember(bool started);
   /// Listens again after a restart, and if that fails, later once more.
   void listenAgain();
+  void closeServer();
   void serverClosed();
 
   Io::EventLoop& loop_;
