@@ -51,6 +51,10 @@ inline constexpr std::chrono::seconds idleTime{30};
 inline constexpr std::chrono::milliseconds lockPatience{200};
 inline constexpr std::chrono::milliseconds lockRetry{10};
 
+/// How long a starting service waits in all for nodes that a killed predecessor still holds. Whoever starts it
+/// on demand waits a second.
+inline constexpr std::chrono::milliseconds restorePatience{500};
+
 /// The shortest time between two looks at whether there is anything to do.
 inline constexpr std::chrono::milliseconds idleLook{100};
 

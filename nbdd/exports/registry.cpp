@@ -3,9 +3,11 @@
 #include <fmt/core.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <limits>
 #include <system_error>
+#include <thread>
 #include <utility>
 
 #include "nbdd/exports/identity.h"
@@ -60,10 +62,7 @@ void ExportRegistry::restore(const SavedState& state) {
   }
   for (auto position = exports_.begin(); position != exports_.end(); ++position) {
     if (returnOf(position->second.saved.wanted).effect != ExportEffect::openNode) continue;
-    if (const auto opened = serve(position); !opened) {
-      log(LogLevel::error, "export-restore", "export {} could not be enabled again: {}",
-          number(position->first), opened.error().message);
-    }
+    static_cast<void>(serve(position));  // a failure is the export's state from now on, and in the log
   }
 }
 
@@ -215,6 +214,8 @@ Control::Result<void> ExportRegistry::serve(Exports::iterator position) {
   if (!opened) {
     const ExportTransition& row = rowFor(subject.state, ExportEvent::nodeRefused);
     if (auto entered = enter(subject, row); !entered) return entered;
+    log(LogLevel::warning, "node-refused", "export {} cannot be served: {}", number(position->first),
+        opened.error().message);
     subject.reason = reasonFor(opened.error().code);
     return std::unexpected(std::move(opened.error()));
   }
