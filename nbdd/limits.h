@@ -19,8 +19,8 @@ inline constexpr std::size_t listenAddresses = 64;
 /// file, so this also bounds how long a change takes.
 inline constexpr std::size_t exports = 100'000;
 
-/// Longest state file. An export takes some 250 bytes, so the bound above needs 25 MB; long paths may take ten
-/// times that.
+/// Longest state file. An export takes some 250 bytes, so the bound above needs 25 MB; long paths may take
+/// ten times that.
 inline constexpr std::size_t stateLength = std::size_t{256} * 1024 * 1024;
 
 /// Longest name of an export in bytes: the NBD protocol's own bound on strings.
@@ -90,22 +90,25 @@ inline constexpr std::chrono::seconds payloadStallTime{60};
 inline constexpr std::size_t inputBatch = std::size_t{256} * 1024;
 
 /// Bytes of replies that one turn collects before it sends.
-inline constexpr std::size_t replyBatch = std::size_t{512} * 1024;
+inline constexpr std::size_t replyBatch = std::size_t{256} * 1024;
 
-/// Replies that wait for a slow reader: beyond this much memory none of its requests is begun.
-inline constexpr std::size_t pendingReplies = std::size_t{1024} * 1024;
+/// Replies that wait for a slow reader: beyond this much memory none of its requests is begun. With the
+/// turn's batch on top a stalled connection holds half a megabyte.
+inline constexpr std::size_t pendingReplies = std::size_t{256} * 1024;
 
 /// Requests of one connection that wait for storage at the same time. Deeper queues make no disk faster.
 inline constexpr std::size_t requestsInFlight = 256;
 
-/// Payload memory of one connection: a write and a read of the largest size.
-inline constexpr std::size_t connectionPayload = std::size_t{64} * 1024 * 1024;
+/// Data of one connection's requests that wait for storage: 32 of 256 KiB. A single larger one is served
+/// alone.
+inline constexpr std::size_t connectionPayload = std::size_t{8} * 1024 * 1024;
 
-/// Payloads up to this size are always taken; larger ones share `workerPayload`.
-inline constexpr std::size_t smallPayload = std::size_t{256} * 1024;
+/// The same for all connections of one worker together, the replies that clients have not read yet included.
+/// The rest waits its turn.
+inline constexpr std::size_t workerPayload = std::size_t{512} * 1024 * 1024;
 
-/// Memory for large payloads of all connections of one worker together. The rest waits its turn.
-inline constexpr std::size_t workerPayload = std::size_t{256} * 1024 * 1024;
+/// A client that lets a reply out of that memory lie unread for so long is disconnected.
+inline constexpr std::chrono::seconds replyStallTime{60};
 
 /// Extents looked for in one BLOCK_STATUS request; the client asks again where the answer ends.
 inline constexpr std::size_t extentsPerReply = 8192;

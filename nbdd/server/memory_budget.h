@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <coroutine>
 #include <cstddef>
 #include <deque>
@@ -9,8 +10,8 @@
 
 namespace Nbdd {
 
-/// Memory for large payloads that the connections of one worker share. Who asks for more than is left waits
-/// in line; nobody overtakes. One loop's thread.
+/// Memory for data that wait for storage or for slow readers, which the connections of one worker share. Who
+/// asks for more than is left waits in line; nobody overtakes. One loop's thread.
 class MemoryBudget {
  public:
   MemoryBudget(Io::EventLoop& loop, std::size_t bytes) : loop_(loop), left_(bytes), total_(bytes) {}
@@ -34,6 +35,7 @@ class MemoryBudget {
         budget_->giveBack(bytes_);
       }
     }
+    explicit operator bool() const { return budget_ != nullptr; }
 
    private:
     MemoryBudget* budget_ = nullptr;
@@ -58,8 +60,14 @@ class MemoryBudget {
     std::size_t bytes_;
   };
 
-  /// Awaits `bytes` of the budget, which must not be more than all of it.
-  [[nodiscard]] Waiting take(std::size_t bytes) { return {*this, bytes < total_ ? bytes : total_}; }
+  /// Awaits `bytes` of the budget, or all of it if that is less.
+  [[nodiscard]] Waiting take(std::size_t bytes) { return {*this, std::min(bytes, total_)}; }
+
+  /// The same at once, or an empty share.
+  [[nodiscard]] Share tryTake(std::size_t bytes) {
+    Waiting waiting = take(bytes);
+    return waiting.await_ready() ? waiting.await_resume() : Share();
+  }
 
  private:
   struct Waiter {

@@ -15,6 +15,7 @@
 #include "nbd/reply.h"
 #include "nbdd/exports/allocation.h"
 #include "nbdd/limits.h"
+#include "nbdd/server/read_shape.h"
 #include "nbdd/server/transmission.h"
 #include "nbdd/server/wire_error.h"
 #include "nbdd/server/worker.h"
@@ -191,6 +192,14 @@ class SyncWaiting {
   int error_ = 0;
 };
 
+std::size_t dataLength(const std::vector<AllocationRun>& runs) {
+  std::size_t length = 0;
+  for (const AllocationRun& run : runs) {
+    length += run.hole ? 0 : static_cast<std::size_t>(run.length);
+  }
+  return length;
+}
+
 std::uint32_t extentStatus(const AllocationRun& run) {
   return run.hole ? Nbd::AllocationFlag::hole | Nbd::AllocationFlag::zero : 0U;
 }
@@ -211,24 +220,51 @@ Io::Task<void> Transmission::counted(std::size_t bytes, Io::Task<void> task) {
 }
 
 Io::Task<void> Transmission::readSlowly(Request request) {
-  MemoryBudget::Share share;
-  if (request.length > Limits::smallPayload) {
-    MemoryBudget::Waiting waiting = worker_.payloadMemory().take(request.length);
-    share = co_await waiting;
+  MemoryBudget::Waiting memory = worker_.payloadMemory().take(request.length);
+  MemoryBudget::Share share = co_await memory;
+  const int file = storage().descriptor();
+  std::vector<AllocationRun> runs{{.length = request.length, .hole = false}};
+  if (request.length >= sendFileLength && mayAnswerWithHoles(request) && storage().mayHaveHoles()) {
+    Io::FileOperation look = Io::FileOperation::call([&runs, file, request] {
+      runs = allocationOfRead(file, request.offset, request.length);
+      return 0;
+    });
+    Io::FileIo::Running looking = worker_.files().run(look);
+    co_await looking;
   }
-  const std::size_t headerSize = readHeaderSize();
-  Io::Buffer buffer = worker_.buffers().take(headerSize + request.length);
-  Io::Task<int> reading =
-      readAll(worker_.files(), storage().descriptor(), buffer.bytes().subspan(headerSize), request.offset);
-  const int error = co_await reading;
-  if (error != 0) {
-    postReply(request, error);
-    co_return;
+  // The whole reply is put together before any of it is sent: a failure halfway is still an error of its own.
+  const std::size_t overhead = runs.size() * std::max(readHeaderSize(), Nbd::offsetHoleSize);
+  Io::Buffer buffer = worker_.buffers().take(overhead + dataLength(runs));
+  std::size_t used = 0;
+  std::uint64_t transferred = 0;
+  std::uint64_t offset = request.offset;
+  for (const AllocationRun& run : runs) {
+    const auto length = static_cast<std::uint32_t>(run.length);
+    const std::uint16_t flags = &run == &runs.back() ? Nbd::ReplyFlag::done : std::uint16_t{0};
+    const std::span<std::byte> room = buffer.bytes().subspan(used);
+    bool hole = run.hole;
+    if (!hole) {
+      const std::span<std::byte> data = room.subspan(readHeaderSize(), length);
+      Io::Task<int> reading = readAll(worker_.files(), file, data, offset);
+      const int error = co_await reading;
+      if (error != 0) {
+        postReply(request, error);
+        co_return;
+      }
+      hole = mayAnswerWithHoles(request) && isZero(data);
+    }
+    if (hole) {
+      Nbd::encodeOffsetHole(room.first<Nbd::offsetHoleSize>(), request.cookie, flags, offset, length);
+      used += Nbd::offsetHoleSize;
+    } else {
+      encodeReadHeader(room.first(readHeaderSize()), request, offset, length, flags);
+      used += readHeaderSize() + length;
+      transferred += length;
+    }
+    offset += length;
   }
-  encodeReadHeader(buffer.bytes().first(headerSize), request, request.length);
-  publication_->counters->addSent(
-      {.transfers = 1, .bytes = request.length, .bytesTransferred = request.length});
-  sender_.post(std::move(buffer), headerSize + request.length);
+  publication_->counters->addSent({.transfers = 1, .bytes = request.length, .bytesTransferred = transferred});
+  sender_.post(std::move(buffer), used, std::move(share));
 }
 
 Io::Task<void> Transmission::writeSlowly(Request request, Io::Buffer payload, MemoryBudget::Share share) {

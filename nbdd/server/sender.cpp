@@ -8,6 +8,8 @@
 #include <cstring>
 #include <utility>
 
+#include "nbdd/limits.h"
+
 namespace Nbdd {
 
 namespace {
@@ -60,13 +62,14 @@ void Sender::sendFile(std::shared_ptr<Storage> storage, std::uint64_t offset, st
   flushSoon(false);
 }
 
-void Sender::post(Io::Buffer buffer, std::size_t length) {
+void Sender::post(Io::Buffer buffer, std::size_t length, MemoryBudget::Share share) {
   if (failed_) {
     return;
   }
   Piece piece;
   piece.buffer = std::move(buffer);
   piece.end = length;
+  piece.share = std::move(share);
   pending_ += length;
   queue_.push_back(std::move(piece));
   flushSoon(true);
@@ -114,8 +117,12 @@ Io::Task<void> Sender::flush(bool endOfTurn) {
     if (outcome == Outcome::done) {
       break;
     }
+    if (std::ranges::any_of(queue_, [](const Piece& piece) { return static_cast<bool>(piece.share); })) {
+      stall_.start(Limits::replyStallTime);
+    }
     Io::Stream::Waiting writable = stream_.writable();
     co_await writable;
+    stall_.cancel();
   }
 }
 

@@ -11,6 +11,7 @@
 #include "nbdd/io/scope.h"
 #include "nbdd/io/signal.h"
 #include "nbdd/io/stream.h"
+#include "nbdd/server/memory_budget.h"
 
 namespace Nbdd {
 
@@ -21,15 +22,19 @@ namespace Nbdd {
 class Sender {
  public:
   Sender(Io::Stream& stream, Io::BufferPool& buffers)
-      : stream_(stream), buffers_(buffers), drained_(stream.loop()) {}
+      : stream_(stream),
+        buffers_(buffers),
+        drained_(stream.loop()),
+        stall_(stream.loop(), [this] { fail(); }) {}
 
   /// Sends or queues a copy of `bytes`. `more`: something else follows at once.
   void send(std::span<const std::byte> bytes, bool more = false);
   /// Sends or queues a range of the storage's file, which must be in memory.
   void sendFile(std::shared_ptr<Storage> storage, std::uint64_t offset, std::uint64_t length);
   /// Queues the first `length` bytes of `buffer`, or a copy of `bytes`, to go out at the end of the loop's
-  /// turn, together with what else completes in it.
-  void post(Io::Buffer buffer, std::size_t length);
+  /// turn, together with what else completes in it. `share` of the memory budget is given back with the
+  /// buffer.
+  void post(Io::Buffer buffer, std::size_t length, MemoryBudget::Share share = {});
   void post(std::span<const std::byte> bytes);
 
   /// Bytes of memory that wait for the client to read.
@@ -55,6 +60,7 @@ class Sender {
     std::shared_ptr<Storage> storage;
     std::uint64_t offset = 0;
     std::uint64_t length = 0;
+    MemoryBudget::Share share;
   };
   enum class Outcome { done, blocked, failed };
 
@@ -69,6 +75,7 @@ class Sender {
   Io::Stream& stream_;
   Io::BufferPool& buffers_;
   Io::Signal drained_;
+  Io::Timer stall_;  // runs while the client does not read and the queue holds a share of the budget
   Io::Scope flushing_;
   std::deque<Piece> queue_;
   std::size_t pending_ = 0;

@@ -13,15 +13,13 @@
 #include "nbd/validation.h"
 #include "nbdd/exports/allocation.h"
 #include "nbdd/limits.h"
+#include "nbdd/server/read_shape.h"
 #include "nbdd/server/wire_error.h"
 #include "nbdd/server/worker.h"
 
 namespace Nbdd {
 
 namespace {
-
-// Reads of at least this size leave by sendfile, whose saved copy then outweighs its system call.
-constexpr std::uint32_t sendFileLength = 64 * 1024;
 
 // Writes up to this size are carried out within the turn when the storage is memory; larger ones would keep
 // the other connections waiting.
@@ -33,15 +31,6 @@ constexpr std::uint32_t collectedPayload = 64 * 1024;
 
 // Taken from a busy connection in one piece while the data of a large write arrive.
 constexpr std::size_t payloadPiece = std::size_t{1024} * 1024;
-
-/// Whether all bytes are zero. Data betray themselves in the first few.
-bool isZero(std::span<const std::byte> bytes) {
-  const std::size_t head = std::min<std::size_t>(bytes.size(), 16);
-  if (std::ranges::any_of(bytes.first(head), [](std::byte byte) { return byte != std::byte{0}; })) {
-    return false;
-  }
-  return std::memcmp(bytes.data(), bytes.data() + head, bytes.size() - head) == 0;
-}
 
 /// Writes all of it. 0 or an errno.
 int writeAll(int file, std::span<const std::byte> data, std::uint64_t offset) {
@@ -84,6 +73,11 @@ Io::Task<void> Transmission::run(std::vector<std::byte> received) {
       Io::Signal& signal = sender_.pending() >= Limits::pendingReplies ? sender_.progress() : room_;
       Io::Signal::Waiting room = signal.wait();
       co_await room;
+      continue;
+    }
+    if (neededMemory_ > 0) {
+      MemoryBudget::Waiting memory = worker_.payloadMemory().take(std::exchange(neededMemory_, 0));
+      memory_ = co_await memory;
       continue;
     }
     const std::optional<std::span<const std::byte>> input = takeInput();
@@ -196,6 +190,10 @@ std::size_t Transmission::executeOne(std::span<const std::byte> input) {
   }
   const std::span<const std::byte> behind = input.subspan(Nbd::requestSize);
   if (behind.size() >= request->length) {
+    if (!reserveMemory(*request)) {
+      carriedIsRunnable_ = true;
+      return 0;
+    }
     write(*request, behind.first(request->length));
     return Nbd::requestSize + request->length;
   }
@@ -204,6 +202,21 @@ std::size_t Transmission::executeOne(std::span<const std::byte> input) {
   }
   incoming_ = *request;
   return Nbd::requestSize;
+}
+
+/// Whether the memory for a write that has to wait for storage is there. If not, the connection waits for it.
+bool Transmission::reserveMemory(const Request& request) {
+  if (memory_ || !mustWait(request)) {
+    return true;
+  }
+  memory_ = worker_.payloadMemory().tryTake(request.length);
+  neededMemory_ = memory_ ? 0 : request.length;
+  return static_cast<bool>(memory_);
+}
+
+/// Whether a write cannot be carried out within the turn.
+bool Transmission::mustWait(const Request& request) const {
+  return request.length > 0 && (!storage().node().memoryBacked || request.length > inlineWriteLength);
 }
 
 std::size_t Transmission::refuse(const Request& request, Nbd::Error error) {
@@ -259,11 +272,8 @@ void Transmission::endTurn() {
 /// before they are complete, nothing of them is written.
 Io::Task<void> Transmission::receivePayload() {
   const Request request = *std::exchange(incoming_, std::nullopt);
-  MemoryBudget::Share share;
-  if (request.length > Limits::smallPayload) {
-    MemoryBudget::Waiting waiting = worker_.payloadMemory().take(request.length);
-    share = co_await waiting;
-  }
+  MemoryBudget::Waiting waiting = worker_.payloadMemory().take(request.length);
+  MemoryBudget::Share share = co_await waiting;
   if (over_) {
     co_return;
   }
@@ -278,7 +288,7 @@ Io::Task<void> Transmission::receivePayload() {
     over();
     co_return;
   }
-  if (storage().node().memoryBacked && request.length <= inlineWriteLength) {
+  if (!mustWait(request)) {
     write(request, payload.bytes());
     endTurn();
   } else {
@@ -331,15 +341,18 @@ std::size_t Transmission::readHeaderSize() const {
   return limits_.structuredReplies ? Nbd::offsetDataHeaderSize : Nbd::simpleReplySize;
 }
 
-/// The header of a successful read's only chunk of data, or of its simple reply.
-void Transmission::encodeReadHeader(std::span<std::byte> header, const Request& request,
-                                    std::uint32_t length) const {
+/// The header of a simple reply, or of a chunk of data of a structured one.
+void Transmission::encodeReadHeader(std::span<std::byte> header, const Request& request, std::uint64_t offset,
+                                    std::uint32_t length, std::uint16_t flags) const {
   if (limits_.structuredReplies) {
-    Nbd::encodeOffsetData(header.first<Nbd::offsetDataHeaderSize>(), request.cookie, Nbd::ReplyFlag::done,
-                          request.offset, length);
+    Nbd::encodeOffsetData(header.first<Nbd::offsetDataHeaderSize>(), request.cookie, flags, offset, length);
   } else {
     Nbd::encodeSimpleReply(header.first<Nbd::simpleReplySize>(), request.cookie);
   }
+}
+
+bool Transmission::mayAnswerWithHoles(const Request& request) const {
+  return limits_.structuredReplies && (request.flags & Nbd::CommandFlag::df) == 0;
 }
 
 /// Reads into the batch of replies without waiting for a device. False: that is not possible.
@@ -353,14 +366,14 @@ bool Transmission::readFromMemory(const Request& request) {
   if (count != static_cast<ssize_t>(request.length)) {
     return false;
   }
-  if (limits_.structuredReplies && (request.flags & Nbd::CommandFlag::df) == 0 && isZero(data)) {
+  if (mayAnswerWithHoles(request) && isZero(data)) {
     Nbd::encodeOffsetHole(room.first<Nbd::offsetHoleSize>(), request.cookie, Nbd::ReplyFlag::done,
                           request.offset, request.length);
     batch_.commit(Nbd::offsetHoleSize);
     countSent(request.length, 0);
     return true;
   }
-  encodeReadHeader(room.first(headerSize), request, request.length);
+  encodeReadHeader(room.first(headerSize), request, request.offset, request.length, Nbd::ReplyFlag::done);
   batch_.commit(headerSize + request.length);
   countSent(request.length, request.length);
   return true;
@@ -368,42 +381,29 @@ bool Transmission::readFromMemory(const Request& request) {
 
 /// Sends bytes that are in memory straight from there, holes as holes.
 void Transmission::readBySendFile(const Request& request) {
-  constexpr std::size_t maximumRuns = 64;
   std::vector<AllocationRun> runs;
-  if (limits_.structuredReplies && (request.flags & Nbd::CommandFlag::df) == 0 && storage().mayHaveHoles()) {
-    runs = allocation(storage().descriptor(), request.offset, request.length, maximumRuns)
-               .value_or(std::vector<AllocationRun>());
+  if (mayAnswerWithHoles(request) && storage().mayHaveHoles()) {
+    runs = allocationOfRead(storage().descriptor(), request.offset, request.length);
+  } else {
+    runs = {{.length = request.length, .hole = false}};
   }
-  std::uint64_t known = 0;
-  for (const AllocationRun& run : runs) {
-    known += run.length;
-  }
-  if (known < request.length) {
-    runs.push_back({.length = request.length - known, .hole = false});
-  }
-  Request part = request;
+  std::uint64_t offset = request.offset;
   std::uint64_t transferred = 0;
-  for (std::size_t index = 0; index < runs.size(); ++index) {
-    const auto length = static_cast<std::uint32_t>(runs[index].length);
-    const std::uint16_t flags = index + 1 == runs.size() ? Nbd::ReplyFlag::done : std::uint16_t{0};
-    if (runs[index].hole) {
+  for (const AllocationRun& run : runs) {
+    const auto length = static_cast<std::uint32_t>(run.length);
+    const std::uint16_t flags = &run == &runs.back() ? Nbd::ReplyFlag::done : std::uint16_t{0};
+    if (run.hole) {
       const std::span<std::byte> room = batch_.reserve(Nbd::offsetHoleSize);
-      Nbd::encodeOffsetHole(room.first<Nbd::offsetHoleSize>(), request.cookie, flags, part.offset, length);
+      Nbd::encodeOffsetHole(room.first<Nbd::offsetHoleSize>(), request.cookie, flags, offset, length);
       batch_.commit(Nbd::offsetHoleSize);
     } else {
-      const std::span<std::byte> room = batch_.reserve(readHeaderSize());
-      if (limits_.structuredReplies) {
-        Nbd::encodeOffsetData(room.first<Nbd::offsetDataHeaderSize>(), request.cookie, flags, part.offset,
-                              length);
-      } else {
-        Nbd::encodeSimpleReply(room.first<Nbd::simpleReplySize>(), request.cookie);
-      }
+      encodeReadHeader(batch_.reserve(readHeaderSize()), request, offset, length, flags);
       batch_.commit(readHeaderSize());
       batch_.send(true);
-      sender_.sendFile(publication_->storage, part.offset, length);
+      sender_.sendFile(publication_->storage, offset, length);
       transferred += length;
     }
-    part.offset += length;
+    offset += length;
   }
   countSent(request.length, transferred);
 }
@@ -413,7 +413,7 @@ void Transmission::write(const Request& request, std::span<const std::byte> data
     reply(request, 0);
     return;
   }
-  if (storage().node().memoryBacked && data.size() <= inlineWriteLength) {
+  if (!mustWait(request)) {
     // Memory is as stable as this storage gets, so FUA asks for nothing more.
     const int error = storage().failed() ? EIO : writeAll(storage().descriptor(), data, request.offset);
     received_.transfers += 1;
@@ -424,7 +424,7 @@ void Transmission::write(const Request& request, std::span<const std::byte> data
   }
   Io::Buffer payload = worker_.buffers().take(data.size());
   std::ranges::copy(data, payload.data());
-  begin(data.size(), writeSlowly(request, std::move(payload), {}));
+  begin(data.size(), writeSlowly(request, std::move(payload), std::exchange(memory_, {})));
 }
 
 void Transmission::flush(const Request& request) {

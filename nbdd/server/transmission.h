@@ -51,6 +51,8 @@ class Transmission {
   std::size_t execute(std::span<const std::byte> input);
   std::size_t executeOne(std::span<const std::byte> input);
   std::size_t refuse(const Request& request, Nbd::Error error);
+  bool reserveMemory(const Request& request);
+  bool mustWait(const Request& request) const;
   void carryOut(const Request& request);
   bool hasRoom() const;
   void keep(std::span<const std::byte> rest);
@@ -84,7 +86,9 @@ class Transmission {
   void postReply(const Request& request, int error);  // the same, from a coroutine
   void postError(const Request& request, Nbd::Error error);
   std::size_t readHeaderSize() const;
-  void encodeReadHeader(std::span<std::byte> header, const Request& request, std::uint32_t length) const;
+  void encodeReadHeader(std::span<std::byte> header, const Request& request, std::uint64_t offset,
+                        std::uint32_t length, std::uint16_t flags) const;
+  bool mayAnswerWithHoles(const Request& request) const;
   void countSent(std::uint64_t bytes, std::uint64_t transferred);
 
   Storage& storage() const { return *publication_->storage; }
@@ -105,6 +109,8 @@ class Transmission {
   std::optional<Request> incoming_;   // a large write whose data are arriving
   std::size_t inFlight_ = 0;          // requests that wait for storage
   std::size_t inFlightBytes_ = 0;
+  std::size_t neededMemory_ = 0;  // for the write at the front, which waits for it
+  MemoryBudget::Share memory_;    // for the next write
   bool over_ = false;
   Io::Scope requests_;
   Io::Signal room_;

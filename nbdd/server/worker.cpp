@@ -1,5 +1,7 @@
 #include "nbdd/server/worker.h"
 
+#include <signal.h>
+
 #include <future>
 #include <utility>
 
@@ -39,6 +41,11 @@ Io::Task<void> Worker::stopWhenDone() {
 }
 
 void Worker::run(bool allowRing, std::function<void()> started) {
+  // sendfile has no flag that spares us the signal when the client is gone; the error says it all.
+  sigset_t brokenPipe;
+  ::sigemptyset(&brokenPipe);
+  ::sigaddset(&brokenPipe, SIGPIPE);
+  ::pthread_sigmask(SIG_BLOCK, &brokenPipe, nullptr);
   files_ = Io::makeFileIo(loop_, pool_, allowRing);
   engineName_ = files_->name();
   started();

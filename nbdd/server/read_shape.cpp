@@ -1,0 +1,36 @@
+#include "nbdd/server/read_shape.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace Nbdd {
+
+bool isZero(std::span<const std::byte> bytes) {
+  const std::size_t head = std::min<std::size_t>(bytes.size(), 16);
+  if (std::ranges::any_of(bytes.first(head), [](std::byte byte) { return byte != std::byte{0}; })) {
+    return false;
+  }
+  // Every byte equals the one sixteen before it, and those are zero.
+  return std::memcmp(bytes.data(), bytes.data() + head, bytes.size() - head) == 0;
+}
+
+std::vector<AllocationRun> allocationOfRead(int file, std::uint64_t offset, std::uint64_t length) {
+  // Chunks are not free either: a range in more pieces than this is sent as it is.
+  constexpr std::size_t maximumRuns = 64;
+  std::vector<AllocationRun> runs =
+      allocation(file, offset, length, maximumRuns).value_or(std::vector<AllocationRun>());
+  std::uint64_t known = 0;
+  for (const AllocationRun& run : runs) {
+    known += run.length;
+  }
+  if (known < length) {
+    if (!runs.empty() && !runs.back().hole) {
+      runs.back().length += length - known;
+    } else {
+      runs.push_back({.length = length - known, .hole = false});
+    }
+  }
+  return runs;
+}
+
+}  // namespace Nbdd

@@ -1,0 +1,148 @@
+#include "nbdd/io/stream.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/io/run_task.h"
+
+namespace Nbdd::Io {
+namespace {
+
+struct Pair {
+  FileDescriptor ours;
+  FileDescriptor theirs;
+
+  Pair() {
+    std::array<int, 2> ends{};
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
+      std::abort();
+    }
+    ours = FileDescriptor(ends[0]);
+    theirs = FileDescriptor(ends[1]);
+    ::fcntl(ours.number(), F_SETFL, O_NONBLOCK);
+  }
+};
+
+Task<std::string> receiveAll(Stream& stream) {
+  std::string text;
+  std::array<std::byte, 7> memory{};
+  for (;;) {
+    const ssize_t count = stream.receive(memory);
+    if (count > 0) {
+      text.append(reinterpret_cast<const char*>(memory.data()), static_cast<std::size_t>(count));
+    } else if (count == 0) {
+      co_return text;
+    } else if (count == -EAGAIN) {
+      Stream::Waiting readable = stream.readable();
+      const Stream::Wake wake = co_await readable;
+      if (wake == Stream::Wake::interrupted) {
+        co_return text + "!";
+      }
+    } else {
+      co_return "error";
+    }
+  }
+}
+
+TEST(Stream, ReceivesToTheEndHoweverItArrives) {
+  EventLoop loop;
+  Pair pair;
+  Stream stream(loop, std::move(pair.ours));
+  const std::string sent(100'000, 'x');
+  std::jthread peer([&] {
+    std::size_t done = 0;
+    while (done < sent.size()) {
+      const ssize_t count = ::send(pair.theirs.number(), sent.data() + done,
+                                   std::min<std::size_t>(1000, sent.size() - done), 0);
+      done += static_cast<std::size_t>(count);
+    }
+    pair.theirs.reset();
+  });
+  EXPECT_EQ(runTask(loop, receiveAll(stream)), sent);
+}
+
+// The last bytes and the end of the stream arrive together, and only one event tells of both.
+TEST(Stream, SeesTheEndBehindTheLastBytes) {
+  for (int round = 0; round < 100; ++round) {
+    EventLoop loop;
+    Pair pair;
+    Stream stream(loop, std::move(pair.ours));
+    std::jthread peer([&] {
+      ::send(pair.theirs.number(), "bye", 3, 0);
+      pair.theirs.reset();
+    });
+    EXPECT_EQ(runTask(loop, receiveAll(stream)), "bye");
+  }
+}
+
+TEST(Stream, IsInterruptedWhileItWaitsAndEverAfter) {
+  EventLoop loop;
+  Pair pair;
+  Stream stream(loop, std::move(pair.ours));
+  loop.post([&] { stream.interruptReading(); });
+  EXPECT_EQ(runTask(loop, receiveAll(stream)), "!");
+  EXPECT_EQ(runTask(loop, receiveAll(stream)), "!");
+  stream.resumeReading();
+  pair.theirs.reset();
+  EXPECT_EQ(runTask(loop, receiveAll(stream)), "");
+}
+
+Task<std::size_t> sendAll(Stream& stream, std::span<const std::byte> bytes) {
+  std::size_t waits = 0;
+  while (!bytes.empty()) {
+    const ssize_t count = stream.send(bytes);
+    if (count == -EAGAIN) {
+      ++waits;
+      Stream::Waiting writable = stream.writable();
+      co_await writable;
+      continue;
+    }
+    if (count < 0) {
+      co_return 0;
+    }
+    bytes = bytes.subspan(static_cast<std::size_t>(count));
+  }
+  stream.endSending();
+  co_return waits;
+}
+
+TEST(Stream, WaitsForASlowReader) {
+  EventLoop loop;
+  Pair pair;
+  const int small = 4096;
+  ::setsockopt(pair.ours.number(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+  Stream stream(loop, std::move(pair.ours));
+  const std::vector<std::byte> sent(1'000'000, std::byte{7});
+  std::size_t received = 0;
+  std::jthread peer([&] {
+    std::array<std::byte, 4096> memory{};
+    for (;;) {
+      const ssize_t count = ::recv(pair.theirs.number(), memory.data(), memory.size(), 0);
+      if (count <= 0) {
+        return;
+      }
+      received += static_cast<std::size_t>(count);
+    }
+  });
+  EXPECT_GT(runTask(loop, sendAll(stream, sent)), 0U);
+  peer.join();
+  EXPECT_EQ(received, sent.size());
+}
+
+TEST(Stream, FailsToSendToAPeerThatIsGone) {
+  EventLoop loop;
+  Pair pair;
+  Stream stream(loop, std::move(pair.ours));
+  pair.theirs.reset();
+  const std::array<std::byte, 1> one{};
+  EXPECT_EQ(stream.send(one), -EPIPE);
+}
+
+}  // namespace
+}  // namespace Nbdd::Io
