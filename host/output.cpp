@@ -55,6 +55,7 @@ std::string Output::openLine() {
 void Output::lineEntered() noexcept { dropLineEnd_ = true; }
 
 void Output::breakLine(std::string_view mark) {
+  flush();
   send(mark);
   send("\n");
   shown_.clear();

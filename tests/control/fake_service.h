@@ -83,6 +83,7 @@ class FakeService final : public Service {
   /// What was asked, in order: the operation's name and its inputs as text.
   std::vector<std::string> calls;
   std::optional<Failure> failure;
+  std::function<void()> stopped;  ///< called after serverStop, if set
   bool holding = false;
   bool dropping = false;
   std::vector<std::move_only_function<void()>> held;
@@ -97,7 +98,10 @@ class FakeService final : public Service {
   void serverStart(Answer<std::vector<NetIfFirewallState>> answer) override {
     reply("serverStart", std::move(answer), Samples::firewallStates);
   }
-  void serverStop(Answer<void> answer) override { reply("serverStop", std::move(answer)); }
+  void serverStop(Answer<void> answer) override {
+    reply("serverStop", std::move(answer));
+    if (stopped) stopped();
+  }
   void serverCapabilities(Answer<Flags<ServerCapability>> answer) override {
     reply("serverCapabilities", std::move(answer), Flags{ServerCapability::transferCompression});
   }
