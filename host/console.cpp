@@ -40,8 +40,7 @@ class Console {
         return edit(initial);
       }
     }
-    std::optional<std::string> line = reader_.next();
-    return output_.isBroken() ? std::nullopt : std::move(line);
+    return reader_.next();
   }
 
  private:
@@ -69,7 +68,10 @@ class Console {
   }
 
   Output output_{STDOUT_FILENO};
-  LineReader reader_{STDIN_FILENO, [this] { output_.flush(); }};
+  LineReader reader_{STDIN_FILENO, [this] {
+                       output_.flush();
+                       return !output_.isBroken();
+                     }};
   std::unique_ptr<LineEditor> editor_;
 };
 

@@ -10,7 +10,7 @@
 
 namespace Host {
 
-LineReader::LineReader(int descriptor, std::function<void()> beforeWaiting)
+LineReader::LineReader(int descriptor, std::function<bool()> beforeWaiting)
     : descriptor_(descriptor), beforeWaiting_(std::move(beforeWaiting)) {}
 
 std::optional<std::string> LineReader::next() {
@@ -37,10 +37,9 @@ std::optional<std::string> LineReader::next() {
 
 /// Appends a piece of the input to `input_`; false at its end.
 bool LineReader::readMore() {
-  if (ended_) {
+  if (ended_ || !beforeWaiting_()) {
     return false;
   }
-  beforeWaiting_();
   const std::size_t had = input_.size();
   input_.resize(had + inputChunkSize);
   ssize_t got = 0;

@@ -11,8 +11,8 @@ namespace Host {
 class LineReader {
  public:
   /// Reads from `descriptor`, which stays the caller's and open. `beforeWaiting` is called before every read
-  /// that may block.
-  LineReader(int descriptor, std::function<void()> beforeWaiting);
+  /// that may block; if it returns false, the input is taken to have ended.
+  LineReader(int descriptor, std::function<bool()> beforeWaiting);
 
   /// The next line, without its line feed, of any length and with any bytes in it; what follows the last line
   /// feed is a line if it is not empty. Nothing at the end of the input, and from then on. An input error
@@ -23,7 +23,7 @@ class LineReader {
   [[nodiscard]] bool readMore();
 
   int descriptor_;
-  std::function<void()> beforeWaiting_;
+  std::function<bool()> beforeWaiting_;
   /// What was read and not yet returned is `input_` from `position_` on.
   std::string input_;
   std::size_t position_ = 0;

@@ -170,10 +170,7 @@ bool PipedChild::prints(const std::string& expected) {
 
 void PipedChild::stopReading() { closeDescriptor(output_); }
 
-Ended PipedChild::wait() {
-  closeDescriptor(input_);
-  return waitFor(pid_);
-}
+Ended PipedChild::wait() { return waitFor(pid_); }
 
 TerminalChild::TerminalChild(const std::function<int()>& program, unsigned short columns) : screen_(columns) {
   winsize size{};

@@ -37,6 +37,7 @@ class PipedChild {
   /// Stops reading, for good.
   void stopReading();
 
+  /// Waits for the child's end. The input stays open, if it is.
   Ended wait();
 
  private:

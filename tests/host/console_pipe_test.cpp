@@ -107,6 +107,14 @@ TEST(ConsolePipe, EndsQuietlyWhenNobodyReads) {
   EXPECT_EQ(child.wait(), endedWell);
 }
 
+TEST(ConsolePipe, DoesNotWaitForInputWhenNobodyReads) {
+  PipedChild child(echoProgram);
+  ASSERT_TRUE(child.prints(" > "));
+  child.stopReading();
+  child.give("one\n");
+  EXPECT_EQ(child.wait(), endedWell) << "with more input to come";
+}
+
 TEST(ConsolePipe, WaitsForAReaderThatIsSlow) {
   PipedChild child([] {
     if (fcntl(STDOUT_FILENO, F_SETFL, O_NONBLOCK) == -1) {

@@ -206,6 +206,29 @@ TEST(ConsoleTerminal, MakesAnOpenLineThePrompt) {
   ASSERT_TRUE(child.shows({" > open", "left open > x^C", "left open > y", "<y>", " > "}));
 }
 
+TEST(ConsoleTerminal, MakesAnOpenLineThePromptThatIsOnTheScreenAlready) {
+  TerminalChild child(echoProgram);
+  ASSERT_TRUE(child.shows({" > "}));
+  child.type("part" + enter);
+  ASSERT_TRUE(child.shows({" > part", "part > "}));
+  child.type("abc" + controlU + "x" + enter);
+  ASSERT_TRUE(child.shows({" > part", "part > x", "<x>", " > "}));
+}
+
+TEST(ConsoleTerminal, ShowsAnOpenLineThatIsTooLongForAPrompt) {
+  TerminalChild child(echoProgram, 100);
+  ASSERT_TRUE(child.shows({" > "}));
+  child.type("wide" + enter);
+  std::vector<std::string> lines(12, std::string(100, 'x'));
+  lines.front() = " > wide";
+  lines.insert(lines.end(), {" >", ""});
+  ASSERT_TRUE(child.shows(lines));
+  child.type("y" + enter);
+  lines.back() = "y";
+  lines.insert(lines.end(), {"<y>", " > "});
+  ASSERT_TRUE(child.shows(lines));
+}
+
 TEST(ConsoleTerminal, ShowsWhatWasPrintedBeforeAWait) {
   TerminalChild child(echoProgram);
   ASSERT_TRUE(child.shows({" > "}));

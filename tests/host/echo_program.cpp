@@ -1,5 +1,7 @@
 #include "tests/host/echo_program.h"
 
+#include <string>
+
 #include "host/console.h"
 #include "host/process.h"
 #include "platform/commandline.h"
@@ -26,6 +28,11 @@ int echoProgram() {
       out->printText("before... ");
       Host::flushOutput();
       out->printText("after")->endLine();
+    } else if (line->equals("part")) {
+      out->printText("part");
+      Host::flushOutput();
+    } else if (line->equals("wide")) {
+      out->printText(std::string(1100, 'x').c_str());
     } else if (line->equals("long")) {
       for (std::uint32_t i = 0; i < 100000; ++i) {
         out->printU32(i)->endLine();

@@ -120,6 +120,7 @@ TEST(PrintIPAddress, WritesGroupsInUpperCaseWithoutLeadingZeros) {
 }
 
 TEST(PrintIPAddress, PrintsAScopeInDecimal) {
+  EXPECT_EQ(print(ipv6({0xFE80, 0, 0, 0, 0, 0, 0, 1}, 1)), "FE80::1%1");
   EXPECT_EQ(print(ipv6({0xFE80, 0, 0, 0, 0, 0, 0, 1}, 12)), "FE80::1%12");
   EXPECT_EQ(print(ipv6({0xFE80, 0, 0, 0, 0, 0, 0, 1}, 0xFFFFFFFF)), "FE80::1%4294967295");
 }
