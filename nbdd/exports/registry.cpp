@@ -60,9 +60,17 @@ void ExportRegistry::restore(const SavedState& state) {
     Export& subject = exports_.emplace(saved.id, std::move(restored)).first->second;
     if (identity && ownerOf(*identity, &subject) == nullptr) remember(subject, *identity);
   }
+  // A predecessor that was killed may still hold its nodes: the kernel first finishes the requests of its
+  // io_uring, and then lets go of its files.
+  const auto patience = std::chrono::steady_clock::now() + Limits::restorePatience;
   for (auto position = exports_.begin(); position != exports_.end(); ++position) {
     if (returnOf(position->second.saved.wanted).effect != ExportEffect::openNode) continue;
-    static_cast<void>(serve(position));  // a failure is the export's state from now on, and in the log
+    auto opened = serve(position);  // a failure is the export's state from now on, and in the log
+    while (!opened && opened.error().code == FailureCode::nodeInUse &&
+           std::chrono::steady_clock::now() < patience) {
+      std::this_thread::sleep_for(Limits::lockRetry);
+      opened = serve(position);
+    }
   }
 }
 

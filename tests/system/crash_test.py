@@ -227,7 +227,7 @@ class Writes(Seeded, unittest.TestCase):
                         self.take_reply(client, busy)
                     if choice.random() < 0.2:
                         self.flush(client, busy, first)
-        except (nbd.ConnectionEnded, ConnectionRefusedError):
+        except (nbd.ConnectionEnded, ConnectionError):
             pass
 
     def submit_write(self, client, busy, first, choice):
