@@ -117,6 +117,7 @@ Control::Result<std::vector<Control::NetIfFirewallState>> LocalService::start() 
       return std::unexpected(std::move(remembered.error()));
     }
     retry_.cancel();
+    retryDelay_ = Limits::listenRetryFirst;
     log(LogLevel::info, "server-started", "the server listens on port {}", server_.port());
   }
   return server_.endpoints();

@@ -360,6 +360,46 @@ TEST(Process, AServiceStartedWhileAnotherEndsTakesItsPlace) {
   }
 }
 
+TEST(Process, ASocketThatTheManagerPassesIsServedAndLeft) {
+  ServiceProcess service;
+  std::filesystem::create_directory(service.controlSocket().parent_path());
+  std::filesystem::permissions(service.controlSocket().parent_path(), std::filesystem::perms(0700));
+  const Io::FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  service.controlSocket().native().copy(address.sun_path, sizeof address.sun_path - 1);
+  ASSERT_EQ(::bind(socket.number(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(::listen(socket.number(), 8), 0);
+  service.passSocket(socket.number());
+  for (int round = 0; round < 2; ++round) {
+    service.start();
+    EXPECT_TRUE(service.connect().call(Methods::exportList).has_value());
+    EXPECT_EQ(service.stop().exitCode, 0);
+    EXPECT_TRUE(std::filesystem::exists(service.controlSocket())) << "the socket is the manager's";
+  }
+}
+
+TEST(Process, ASecondSignalDoesNotWait) {
+  ServiceProcess service;
+  service.start();
+  // A client that reads none of its replies is waited for a while.
+  Control::Client client = service.connect();
+  for (int call = 0; call < 2000; ++call) {
+    ASSERT_TRUE(
+        client
+            .queueMessage("{\"method\":\"org.varlink.service.GetInterfaceDescription\",\"parameters\":"
+                          "{\"interface\":\"org.talvek.NBD\"}}")
+            .has_value());
+  }
+  client.flush();
+  service.signal(SIGTERM);
+  ASSERT_FALSE(service.awaitEnd(300ms).has_value()) << "nothing was waited for";
+  service.signal(SIGINT);
+  const auto ending = service.awaitEnd(3s);
+  ASSERT_TRUE(ending.has_value());
+  EXPECT_EQ(ending->exitCode, 1);
+}
+
 /// A Unix socket that receives what a service tells its manager.
 class NotifySocket {
  public:

@@ -93,6 +93,9 @@ pid_t ServiceProcess::launch(int ready) const {
   words.insert(words.end(), arguments_.begin(), arguments_.end());
   const std::vector<char*> arguments = pointersTo(words);
 
+  const pid_t process = ::fork();
+  if (process < 0) throw std::runtime_error("cannot start a process");
+  if (process > 0) return process;
   std::vector<std::string> assignments;
   for (char** variable = environ; *variable != nullptr; ++variable) {
     const std::string text = *variable;
@@ -101,14 +104,19 @@ pid_t ServiceProcess::launch(int ready) const {
   for (const auto& [name, value] : variables_) {
     if (!value.empty()) assignments.push_back(name + "=" + value);
   }
+  if (passedSocket_ >= 0) {
+    assignments.push_back("LISTEN_PID=" + std::to_string(::getpid()));
+    assignments.push_back("LISTEN_FDS=1");
+  }
   const std::vector<char*> environment = pointersTo(assignments);
-
-  const pid_t process = ::fork();
-  if (process < 0) throw std::runtime_error("cannot start a process");
-  if (process > 0) return process;
   redirect(directory() / "out", STDOUT_FILENO);
   redirect(directory() / "log", STDERR_FILENO);
   if (ready >= 0) ::dup2(ready, readyDescriptor);
+  if (passedSocket_ >= 0) {
+    constexpr int firstPassed = 3;
+    ::dup2(passedSocket_, firstPassed);
+    ::fcntl(firstPassed, F_SETFD, 0);  // it may have had this number already
+  }
   ::execve(arguments[0], arguments.data(), environment.data());
   ::_exit(127);
 }

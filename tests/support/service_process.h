@@ -57,6 +57,9 @@ class ServiceProcess {
   void addArgument(const std::string& word) { arguments_.push_back(word); }
   void setVariable(const std::string& name, const std::string& value) { variables_[name] = value; }
 
+  /// Before `start`: passes this listening socket as systemd does. It stays the caller's.
+  void passSocket(int number) { passedSocket_ = number; }
+
   /// Starts nbdd and waits until it says that it is ready.
   void start();
   /// Starts nbdd and waits until it ends: for what is not meant to run.
@@ -93,6 +96,7 @@ class ServiceProcess {
   TemporaryDirectory directory_;
   std::vector<std::string> arguments_;
   std::map<std::string, std::string> variables_;
+  int passedSocket_ = -1;
   pid_t process_ = -1;
 };
 
