@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -382,16 +383,27 @@ TEST(Process, ASocketThatTheManagerPassesIsServedAndLeft) {
 TEST(Process, ASecondSignalDoesNotWait) {
   ServiceProcess service;
   service.start();
-  // A client that reads none of its replies is waited for a while.
-  Control::Client client = service.connect();
-  for (int call = 0; call < 2000; ++call) {
-    ASSERT_TRUE(
-        client
-            .queueMessage("{\"method\":\"org.varlink.service.GetInterfaceDescription\",\"parameters\":"
-                          "{\"interface\":\"org.talvek.NBD\"}}")
-            .has_value());
+  // A client that reads none of its replies is waited for a while. It has asked for more than the socket
+  // holds once nothing is added any more to what it could read.
+  const Io::FileDescriptor client(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  service.controlSocket().native().copy(address.sun_path, sizeof address.sun_path - 1);
+  ASSERT_EQ(::connect(client.number(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  std::string calls;
+  for (int call = 0; call < 500; ++call) {
+    calls +=
+        R"({"method":"org.varlink.service.GetInterfaceDescription","parameters":{"interface":"org.talvek.NBD"}})";
+    calls += '\0';
   }
-  client.flush();
+  ASSERT_EQ(::send(client.number(), calls.data(), calls.size(), MSG_NOSIGNAL),
+            static_cast<ssize_t>(calls.size()));
+  int unread = 0;
+  ASSERT_TRUE(awaits([&] {
+    const int before = unread;
+    std::this_thread::sleep_for(100ms);
+    return ::ioctl(client.number(), FIONREAD, &unread) == 0 && unread > 0 && unread == before;
+  }));
   service.signal(SIGTERM);
   ASSERT_FALSE(service.awaitEnd(300ms).has_value()) << "nothing was waited for";
   service.signal(SIGINT);
