@@ -49,6 +49,10 @@ Io::Task<void> Session::linger() {
       co_await readable;
     } else if (count <= 0) {
       co_return;
+    } else {
+      // Whoever sends without end would keep the others waiting, and this session's deadline too.
+      Io::EndOfTurn turn(worker_.loop());
+      co_await turn;
     }
   }
 }
@@ -58,27 +62,36 @@ Io::Task<std::optional<Session::Agreement>> Session::negotiate() {
   Nbd::ServerHandshake handshake(worker_.table(), {});
   std::vector<std::byte> output;
   handshake.greet(output);
+  std::size_t used = 0;  // of what was received, from its front
   for (;;) {
     Io::Task<bool> sending = sendAll(output);
     const bool sent = co_await sending;
     if (!sent || ending_) {
       co_return std::nullopt;
     }
-    const Nbd::ServerHandshake::Progress progress = handshake.advance(received_, output);
-    received_.erase(received_.begin(), received_.begin() + static_cast<std::ptrdiff_t>(progress.consumed));
+    const Nbd::ServerHandshake::Progress progress =
+        handshake.advance(std::span(received_).subspan(used), output);
+    used += progress.consumed;
     if (progress.state == State::failed) {
       co_return std::nullopt;
     }
     if (progress.state != State::negotiating) {
+      received_.erase(received_.begin(), received_.begin() + static_cast<std::ptrdiff_t>(used));
       sender_.send(output);
       co_return progress.state == State::transmission ? std::optional(handshake.agreement()) : std::nullopt;
     }
     if (progress.consumed == 0 && output.empty()) {
+      received_.erase(received_.begin(), received_.begin() + static_cast<std::ptrdiff_t>(used));
+      used = 0;
       Io::Task<bool> receiving = receiveMore();
       const bool received = co_await receiving;
       if (!received) {
         co_return std::nullopt;
       }
+    } else {
+      // Thousands of options may have arrived at once: other connections come in between.
+      Io::EndOfTurn turn(worker_.loop());
+      co_await turn;
     }
   }
 }
