@@ -319,6 +319,26 @@ TEST_P(ServerTest, EndsSessionsAfterTheirRunningRequests) {
   EXPECT_EQ(enter().read(0, 4096).second, noise(4096, 1));
 }
 
+// The operator does not wait for it: what it asked for has ended, only the replies lie unread.
+TEST_P(ServerTest, EndsASessionWhoseClientNeverReads) {
+  const Buffer data = noise(1'048'576, 4);
+  ASSERT_EQ(::pwrite(file_.number(), data.data(), data.size(), 0), 1'048'576);
+  RawClient stalled(port_, 4096);
+  stalled.enter("disk");
+  for (std::uint64_t cookie = 0; cookie < 64; ++cookie) {
+    for (const std::uint32_t length : {4096U, 60'000U, 1'048'576U}) {
+      stalled.request(
+          {.flags = 0, .type = Nbd::Command::read, .cookie = cookie, .offset = 0, .length = length});
+    }
+  }
+  // Another client is served all the while.
+  RawClient other = enter();
+  EXPECT_EQ(other.read(0, 4096).second, Buffer(data.begin(), data.begin() + 4096));
+  onControlLoop([](Server& server) { server.withdraw(diskId); });
+  untilDone([](Server& server, Io::Function done) { server.endSessions(diskId, std::move(done)); });
+  EXPECT_EQ(onControlLoop([](Server& server) { return server.clientCount(diskId); }), 0U);
+}
+
 TEST_P(ServerTest, EndsSessionsOfNobodyAtOnce) {
   untilDone([](Server& server, Io::Function done) { server.endSessions(diskId, std::move(done)); });
 }
