@@ -30,7 +30,7 @@ inline constexpr std::uint32_t maxQueries = 64;
 
 // A step of the handshake stops adding replies once it has added this much, and goes on when that has been
 // sent: the listing of thousands of exports takes no more memory than one of a few.
-inline constexpr std::size_t handshakeOutputStep = 64 * 1024;
+inline constexpr std::size_t handshakeOutputStep = std::size_t{64} * 1024;
 
 // Data of one READ or WRITE: the size that the protocol lets every client rely on when nothing was
 // advertised.
@@ -57,10 +57,10 @@ inline constexpr std::uint32_t maxOptionReplyLength = 16 * 1024;
 inline constexpr std::uint32_t maxRepliesPerOption = 100 * 1000;
 
 // All bytes of one server's handshake together: 100,000 exports with names and descriptions of 300 bytes.
-inline constexpr std::uint64_t maxServerHandshakeBytes = 32 * 1024 * 1024;
+inline constexpr std::uint64_t maxServerHandshakeBytes = std::uint64_t{32} * 1024 * 1024;
 
 // Extents accepted in one chunk: the protocol asks servers to send no more.
-inline constexpr std::size_t maxExtentsReceived = 1024 * 1024;
+inline constexpr std::size_t maxExtentsReceived = std::size_t{1024} * 1024;
 
 // Payload of a chunk that is not data of a READ: the extents above with their context, or an error with its
 // message.
