@@ -47,6 +47,7 @@ class Console {
   std::optional<std::string> edit(const std::string& initial) {
     std::string prompt = output_.openLine();
     if (!LineEditor::canDraw(prompt)) {
+      editor_->takeTerminal();
       output_.write(prompt);
       output_.breakLine({});
       prompt.clear();

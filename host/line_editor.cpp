@@ -76,6 +76,8 @@ bool LineEditor::canDraw(const std::string& text) {
          std::mbstowcs(nullptr, text.c_str(), 0) != static_cast<std::size_t>(-1);
 }
 
+void LineEditor::takeTerminal() { el_set(editor_.get(), EL_PREP_TERM, 1); }
+
 LineEditor::Result LineEditor::read(std::string prompt, const std::string& initial) {
   EditLine* const el = editor_.get();
   prompt_ = std::move(prompt);
@@ -85,7 +87,7 @@ LineEditor::Result LineEditor::read(std::string prompt, const std::string& initi
   }
   // Left to itself the editor would draw the prompt first, and keys typed at that moment would be echoed
   // twice.
-  el_set(el, EL_PREP_TERM, 1);
+  takeTerminal();
   int length = 0;
   const char* const text = el_gets(el, &length);
   if (interrupted_) {

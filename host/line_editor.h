@@ -33,6 +33,10 @@ class LineEditor {
   /// encoding.
   [[nodiscard]] static bool canDraw(const std::string& text);
 
+  /// Has the terminal leave the keys to the editor, as `read` does before it draws the prompt: from then on
+  /// they are not echoed when they are typed. To be followed by `read`.
+  void takeTerminal();
+
   /// Draws `prompt`, which must be one that can be drawn, from where the cursor is, and reads one line that
   /// starts out as `initial`.
   [[nodiscard]] Result read(std::string prompt, const std::string& initial);

@@ -14,6 +14,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstddef>
+#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <utility>
@@ -49,6 +50,9 @@ class Deadline {
   }
   _exit(code);
 }
+
+/// What the test program itself has printed must not come out of the child a second time.
+void flushOwnOutput() { std::fflush(nullptr); }
 
 void closeDescriptor(int& descriptor) {
   if (descriptor != -1) {
@@ -104,6 +108,7 @@ PipedChild::PipedChild(const std::function<int()>& program) {
   std::array<int, 2> fromChild{};
   EXPECT_EQ(pipe2(toChild.data(), O_CLOEXEC), 0);
   EXPECT_EQ(pipe2(fromChild.data(), O_CLOEXEC), 0);
+  flushOwnOutput();
   pid_ = fork();
   if (pid_ == 0) {
     dup2(toChild[0], STDIN_FILENO);
@@ -176,6 +181,7 @@ TerminalChild::TerminalChild(const std::function<int()>& program, unsigned short
   winsize size{};
   size.ws_col = columns;
   size.ws_row = 24;
+  flushOwnOutput();
   pid_ = forkpty(&terminal_, nullptr, nullptr, &size);
   if (pid_ == 0) {
     setenv("TERM", "xterm", 1);

@@ -229,6 +229,24 @@ TEST(ConsoleTerminal, ShowsAnOpenLineThatIsTooLongForAPrompt) {
   ASSERT_TRUE(child.shows(lines));
 }
 
+TEST(ConsoleTerminal, ShowsAnOpenLineThatIsNotFitForAPrompt) {
+  TerminalChild child(echoProgram);
+  ASSERT_TRUE(child.shows({" > "}));
+  child.type("tabs" + enter);
+  ASSERT_TRUE(child.shows({" > tabs", "a       b >", ""}));
+  child.type("quiet" + enter);
+  ASSERT_TRUE(child.shows({" > tabs", "a       b >", "quiet", " > "}));
+}
+
+TEST(ConsoleTerminal, AnswersWithNothing) {
+  TerminalChild child(echoProgram);
+  ASSERT_TRUE(child.shows({" > "}));
+  child.type("quiet" + enter);
+  ASSERT_TRUE(child.shows({" > quiet", " > "}));
+  child.type("quiet" + enter);
+  ASSERT_TRUE(child.shows({" > quiet", " > quiet", " > "}));
+}
+
 TEST(ConsoleTerminal, ShowsWhatWasPrintedBeforeAWait) {
   TerminalChild child(echoProgram);
   ASSERT_TRUE(child.shows({" > "}));

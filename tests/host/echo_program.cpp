@@ -33,6 +33,11 @@ int echoProgram() {
       Host::flushOutput();
     } else if (line->equals("wide")) {
       out->printText(std::string(1100, 'x').c_str());
+    } else if (line->equals("tabs")) {
+      out->printText("a\tb");
+    } else if (line->equals("quiet")) {
+    } else if (line->equals("fail")) {
+      return 7;
     } else if (line->equals("long")) {
       for (std::uint32_t i = 0; i < 100000; ++i) {
         out->printU32(i)->endLine();

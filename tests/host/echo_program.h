@@ -10,6 +10,9 @@ namespace Support {
 /// - "wide": 1,100 characters without a line end
 /// - "wait": "before... ", a flush as before a service call, and "after"
 /// - "long": 100,000 lines
+/// - "tabs": "a", a tab and "b" without a line end
+/// - "quiet": nothing at all
+/// - "fail": nothing, and the program returns 7 at once
 int echoProgram();
 
 }  // namespace Support

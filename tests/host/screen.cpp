@@ -93,6 +93,9 @@ void Screen::control(char byte) {
     case '\b':
       moveTo(row_, column_ > 0 ? std::min(column_, columns_ - 1) - 1 : 0);
       break;
+    case '\t':
+      moveTo(row_, std::min((column_ / 8 + 1) * 8, columns_ - 1));
+      break;
     case '\a':
       break;
     default:
