@@ -46,8 +46,8 @@ int registerTearDown(void (*function)()) {
   if (memory == nullptr) {
     return -1;
   }
-  newest = new (memory)
-      Node{newest, function};  // NOLINT(cppcoreguidelines-owning-memory): the heap's, till it ran
+  // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): the heap's, until it is run
+  newest = new (memory) Node{newest, function};
   return 0;
 }
 
