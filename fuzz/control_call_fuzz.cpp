@@ -31,8 +31,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (size == 0) return 0;
   const std::size_t piece = std::size_t{data[0]} + 1;
   std::string_view rest(reinterpret_cast<const char*>(data) + 1, size - 1);
-  Control::Testing::FakeService service;
-  Control::Dispatcher dispatcher(service, {});
+  static Control::Testing::FakeService service;
+  static Control::Dispatcher dispatcher(service, {});
+  service.calls.clear();
   Control::Framing framing(Control::Limits::requestLength);
   while (!rest.empty()) {
     const auto room = framing.prepare();

@@ -1,10 +1,17 @@
 #include "host/service_proxy.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <array>
+#include <thread>
 
 #include "host/console.h"
+#include "platform/commandline.h"
 #include "platform/error.h"
 #include "tests/control/running_server.h"
 
@@ -210,6 +217,70 @@ TEST_F(ServiceProxyTest, AServiceThatWentAwayBetweenTwoOperationsIsFoundAgain) {
   server.start();
   EXPECT_TRUE(proxy->exportEnable(ExportID{4}));
   EXPECT_EQ(server.calls(), (std::vector<std::string>{"exportEnable 1", "exportEnable 3", "exportEnable 4"}));
+}
+
+TEST_F(ServiceProxyTest, WhatWasPrintedIsSeenBeforeTheServiceAnswers) {
+  std::array<int, 2> ends{};
+  ASSERT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
+  const Control::Descriptor readEnd(ends[0]);
+  const Control::Descriptor writeEnd(ends[1]);
+  const Control::Descriptor before(::dup(STDOUT_FILENO));
+  ::dup2(writeEnd.number(), STDOUT_FILENO);
+  server.onThread([&] { server.service().holding = true; });
+  std::array<char, 64> seen{};
+  std::thread reader([&] {
+    EXPECT_GT(::read(readEnd.number(), seen.data(), seen.size()), 0);
+    while (server.calls().empty()) std::this_thread::yield();
+    server.onThread([&] { server.service().held.at(0)(); });
+  });
+  Libraries::Commandline::outPrinter()->printText("Enabling... ");
+  EXPECT_TRUE(proxy->exportEnable(ExportID{1}));
+  reader.join();
+  ::dup2(before.number(), STDOUT_FILENO);
+  EXPECT_STREQ(seen.data(), "Enabling... ");
+}
+
+// Ctrl-C during a call that takes long, in a process of its own whose standard input is a terminal, or is
+// not.
+
+class CtrlCTest : public ServiceProxyTest {
+ protected:
+  /// How a utility ends that asks for something that takes long, is interrupted, and then asks again.
+  int statusAfterCtrlC(int standardInput) {
+    server.onThread([&] { server.service().holding = true; });
+    const pid_t utility = ::fork();
+    if (utility == 0) {
+      ::dup2(standardInput, STDIN_FILENO);
+      const auto own = makeRef<ServiceProxy>(ServiceLocation{server.path(), {}}, 10s);
+      const bool first = own->exportEnable(ExportID{1});
+      const bool interrupted = !first && Error::get() == static_cast<std::uint32_t>(FailureCode::interrupted);
+      ::_exit(interrupted && own->exportEnable(ExportID{2}) ? 0 : 1);
+    }
+    while (server.calls().empty()) std::this_thread::yield();
+    server.onThread([&] { server.service().holding = false; });
+    ::kill(utility, SIGINT);
+    int status = 0;
+    EXPECT_EQ(::waitpid(utility, &status, 0), utility);
+    server.onThread([&] { server.service().held.at(0)(); });
+    return status;
+  }
+};
+
+TEST_F(CtrlCTest, EndsTheWaitOfAnInteractiveUtilityAndNotTheUtility) {
+  const Control::Descriptor controller(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+  ASSERT_EQ(::grantpt(controller.number()), 0);
+  ASSERT_EQ(::unlockpt(controller.number()), 0);
+  const Control::Descriptor terminal(::open(::ptsname(controller.number()), O_RDWR | O_NOCTTY | O_CLOEXEC));
+  ASSERT_TRUE(static_cast<bool>(terminal));
+  const int status = statusAfterCtrlC(terminal.number());
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_EQ(server.calls(), (std::vector<std::string>{"exportEnable 1", "exportEnable 2"}));
+}
+
+TEST_F(CtrlCTest, EndsAUtilityThatNobodySitsAt) {
+  const Control::Descriptor null(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+  const int status = statusAfterCtrlC(null.number());
+  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGINT) << status;
 }
 
 // Calls ahead.
