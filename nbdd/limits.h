@@ -51,8 +51,8 @@ inline constexpr std::chrono::seconds idleTime{30};
 inline constexpr std::chrono::milliseconds lockPatience{200};
 inline constexpr std::chrono::milliseconds lockRetry{10};
 
-/// How long a starting service waits in all for nodes that a killed predecessor still holds. Whoever starts it
-/// on demand waits a second.
+/// How long a starting service waits in all for nodes that a killed predecessor still holds. Whoever starts
+/// it on demand waits a second.
 inline constexpr std::chrono::milliseconds restorePatience{500};
 
 /// The shortest time between two looks at whether there is anything to do.
@@ -83,9 +83,6 @@ inline constexpr std::chrono::seconds lastRepliesTime{5};
 /// How long a session that has ended waits for the client to end its side too.
 inline constexpr std::chrono::seconds lingerTime{1};
 
-/// A client that has begun to send the data of a write and then sends nothing for so long is disconnected.
-inline constexpr std::chrono::seconds payloadStallTime{60};
-
 /// Bytes taken from a connection in one turn of the loop: some sixty writes of 4 KiB.
 inline constexpr std::size_t inputBatch = std::size_t{256} * 1024;
 
@@ -107,8 +104,18 @@ inline constexpr std::size_t connectionPayload = std::size_t{8} * 1024 * 1024;
 /// The rest waits its turn.
 inline constexpr std::size_t workerPayload = std::size_t{512} * 1024 * 1024;
 
-/// A client that lets a reply out of that memory lie unread for so long is disconnected.
-inline constexpr std::chrono::seconds replyStallTime{60};
+/// A client that makes no use of memory out of that budget for so long is disconnected: it has begun to send
+/// the data of a write and goes silent, or lets a reply lie unread.
+inline constexpr std::chrono::seconds stallTime{60};
+
+/// While others wait for the budget, whoever holds some of it must move on: at least so many bytes in every
+/// such period, far below what any network worth a block device carries.
+inline constexpr std::chrono::seconds contendedPeriod{2};
+inline constexpr std::size_t contendedProgress = std::size_t{128} * 1024;
+
+/// The data of a large write reserve their memory once this much has arrived: to announce them costs the
+/// client nothing, and so must not hold up others.
+inline constexpr std::size_t payloadFirstPiece = std::size_t{256} * 1024;
 
 /// Extents looked for in one BLOCK_STATUS request; the client asks again where the answer ends.
 inline constexpr std::size_t extentsPerReply = 8192;

@@ -36,6 +36,8 @@ class MemoryBudget {
       }
     }
     explicit operator bool() const { return budget_ != nullptr; }
+    /// Whether others wait for what this holds.
+    bool contended() const { return budget_ != nullptr && !budget_->waiting_.empty(); }
 
    private:
     MemoryBudget* budget_ = nullptr;
@@ -44,41 +46,67 @@ class MemoryBudget {
 
   class Waiting {
    public:
-    Waiting(MemoryBudget& budget, std::size_t bytes) : budget_(budget), bytes_(bytes) {}
+    Waiting(MemoryBudget& budget, std::size_t bytes, const void* owner)
+        : budget_(budget), bytes_(bytes), owner_(owner) {}
     bool await_ready() {
-      if (budget_.waiting_.empty() && budget_.left_ >= bytes_) {
-        budget_.left_ -= bytes_;
-        return true;
+      if (!budget_.waiting_.empty() || budget_.left_ < bytes_) {
+        return false;
       }
-      return false;
+      budget_.left_ -= bytes_;
+      granted_ = true;
+      return true;
     }
-    void await_suspend(std::coroutine_handle<> waiter) { budget_.waiting_.push_back({waiter, bytes_}); }
-    Share await_resume() { return {budget_, bytes_}; }
+    void await_suspend(std::coroutine_handle<> waiter) {
+      budget_.waiting_.push_back({.handle = waiter, .bytes = bytes_, .owner = owner_, .granted = &granted_});
+    }
+    Share await_resume() { return granted_ ? Share(budget_, bytes_) : Share(); }
 
    private:
     MemoryBudget& budget_;
     std::size_t bytes_;
+    const void* owner_;
+    bool granted_ = false;
   };
 
-  /// Awaits `bytes` of the budget, or all of it if that is less.
-  [[nodiscard]] Waiting take(std::size_t bytes) { return {*this, std::min(bytes, total_)}; }
+  /// Awaits `bytes` of the budget, or all of it if that is less, on behalf of `owner`.
+  [[nodiscard]] Waiting take(std::size_t bytes, const void* owner) {
+    return {*this, std::min(bytes, total_), owner};
+  }
 
   /// The same at once, or an empty share.
   [[nodiscard]] Share tryTake(std::size_t bytes) {
-    Waiting waiting = take(bytes);
+    Waiting waiting = take(bytes, nullptr);
     return waiting.await_ready() ? waiting.await_resume() : Share();
+  }
+
+  /// Nobody waits on behalf of `owner` any more: those who did are resumed with empty shares.
+  void cancel(const void* owner) {
+    for (const Waiter& waiter : waiting_) {
+      if (waiter.owner == owner) {
+        loop_.defer([handle = waiter.handle] { handle.resume(); });
+      }
+    }
+    std::erase_if(waiting_, [owner](const Waiter& waiter) { return waiter.owner == owner; });
+    grant();
   }
 
  private:
   struct Waiter {
     std::coroutine_handle<> handle;
     std::size_t bytes;
+    const void* owner;
+    bool* granted;  // in the waiting coroutine's frame
   };
 
   void giveBack(std::size_t bytes) {
     left_ += bytes;
+    grant();
+  }
+
+  void grant() {
     while (!waiting_.empty() && waiting_.front().bytes <= left_) {
       left_ -= waiting_.front().bytes;
+      *waiting_.front().granted = true;
       loop_.defer([handle = waiting_.front().handle] { handle.resume(); });
       waiting_.pop_front();
     }

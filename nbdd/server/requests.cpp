@@ -220,8 +220,11 @@ Io::Task<void> Transmission::counted(std::size_t bytes, Io::Task<void> task) {
 }
 
 Io::Task<void> Transmission::readSlowly(Request request) {
-  MemoryBudget::Waiting memory = worker_.payloadMemory().take(request.length);
+  MemoryBudget::Waiting memory = worker_.payloadMemory().take(request.length, this);
   MemoryBudget::Share share = co_await memory;
+  if (!share) {
+    co_return;  // the session ends, and this request had not begun
+  }
   const int file = storage().descriptor();
   std::vector<AllocationRun> runs{{.length = request.length, .hole = false}};
   if (request.length >= sendFileLength && mayAnswerWithHoles(request) && storage().mayHaveHoles()) {

@@ -117,12 +117,9 @@ Io::Task<void> Sender::flush(bool endOfTurn) {
     if (outcome == Outcome::done) {
       break;
     }
-    if (std::ranges::any_of(queue_, [](const Piece& piece) { return static_cast<bool>(piece.share); })) {
-      stall_.start(Limits::replyStallTime);
-    }
+    watchStall();
     Io::Stream::Waiting writable = stream_.writable();
     co_await writable;
-    stall_.cancel();
   }
 }
 
@@ -158,6 +155,7 @@ ssize_t Sender::sendBuffers() {
 
 void Sender::taken(std::size_t bytes) {
   pending_ -= bytes;
+  sent_ += bytes;
   while (bytes > 0) {
     Piece& piece = queue_.front();
     const std::size_t part = std::min(bytes, piece.end - piece.begin);
@@ -166,6 +164,32 @@ void Sender::taken(std::size_t bytes) {
     if (piece.begin == piece.end) {
       queue_.pop_front();
     }
+  }
+}
+
+/// The queue is blocked: if it holds shares of the budget, the client has only so long to read on.
+void Sender::watchStall() {
+  const bool holdsShare =
+      std::ranges::any_of(queue_, [](const Piece& piece) { return static_cast<bool>(piece.share); });
+  if (holdsShare && !stall_.running()) {
+    sentAtLastLook_ = sent_;
+    lastProgress_ = stream_.loop().now();
+    stall_.start(Limits::contendedPeriod);
+  }
+}
+
+void Sender::checkStall() {
+  const bool contended =
+      std::ranges::any_of(queue_, [](const Piece& piece) { return piece.share.contended(); });
+  const std::uint64_t progress = sent_ - std::exchange(sentAtLastLook_, sent_);
+  const Io::Clock::time_point now = stream_.loop().now();
+  if (progress > 0) {
+    lastProgress_ = now;
+  }
+  if ((contended && progress < Limits::contendedProgress) || now - lastProgress_ >= Limits::stallTime) {
+    fail();
+  } else if (!queue_.empty()) {
+    stall_.start(Limits::contendedPeriod);
   }
 }
 
@@ -180,6 +204,7 @@ ssize_t Sender::sendRange(Piece& piece) {
       // connection cannot go on.
       return -EIO;
     }
+    sent_ += static_cast<std::uint64_t>(sent);
     piece.offset += static_cast<std::uint64_t>(sent);
     piece.length -= static_cast<std::uint64_t>(sent);
   }

@@ -25,7 +25,7 @@ class Sender {
       : stream_(stream),
         buffers_(buffers),
         drained_(stream.loop()),
-        stall_(stream.loop(), [this] { fail(); }) {}
+        stall_(stream.loop(), [this] { checkStall(); }) {}
 
   /// Sends or queues a copy of `bytes`. `more`: something else follows at once.
   void send(std::span<const std::byte> bytes, bool more = false);
@@ -71,11 +71,16 @@ class Sender {
   ssize_t sendBuffers();
   ssize_t sendRange(Piece& piece);
   void taken(std::size_t bytes);
+  void watchStall();
+  void checkStall();
 
   Io::Stream& stream_;
   Io::BufferPool& buffers_;
   Io::Signal drained_;
-  Io::Timer stall_;  // runs while the client does not read and the queue holds a share of the budget
+  Io::Timer stall_;                   // runs while the queue holds shares of the budget and is blocked
+  std::uint64_t sent_ = 0;            // bytes out of the queue, ever
+  std::uint64_t sentAtLastLook_ = 0;  // when stall_ was started
+  Io::Clock::time_point lastProgress_;
   Io::Scope flushing_;
   std::deque<Piece> queue_;
   std::size_t pending_ = 0;

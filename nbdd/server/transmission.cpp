@@ -76,7 +76,7 @@ Io::Task<void> Transmission::run(std::vector<std::byte> received) {
       continue;
     }
     if (neededMemory_ > 0) {
-      MemoryBudget::Waiting memory = worker_.payloadMemory().take(std::exchange(neededMemory_, 0));
+      MemoryBudget::Waiting memory = worker_.payloadMemory().take(std::exchange(neededMemory_, 0), this);
       memory_ = co_await memory;
       continue;
     }
@@ -109,6 +109,7 @@ void Transmission::stop() {
   over();
   room_.notify();
   sender_.progress().notify();
+  worker_.payloadMemory().cancel(this);
 }
 
 /// What was carried over and what has arrived since, in the worker's input memory; nothing when there is
@@ -272,37 +273,55 @@ void Transmission::endTurn() {
 /// before they are complete, nothing of them is written.
 Io::Task<void> Transmission::receivePayload() {
   const Request request = *std::exchange(incoming_, std::nullopt);
-  MemoryBudget::Waiting waiting = worker_.payloadMemory().take(request.length);
-  MemoryBudget::Share share = co_await waiting;
-  if (over_) {
-    co_return;
-  }
-  Io::Buffer payload = worker_.buffers().take(request.length);
+  Payload payload;
+  // The pages behind this are not touched before data arrive for them.
+  payload.buffer = worker_.buffers().take(request.length);
   // Had all of it arrived, it would not have come here.
-  std::ranges::copy(carried_.bytes(), payload.data());
-  const std::size_t filled = carried_.size();
+  std::ranges::copy(carried_.bytes(), payload.buffer.data());
+  payload.filled = carried_.size();
   carried_.reset();
-  Io::Task<bool> receiving = receiveInto(payload, filled);
-  const bool complete = co_await receiving;
+  Io::Task<bool> beginning =
+      receiveUpTo(payload, std::min<std::size_t>(request.length, Limits::payloadFirstPiece));
+  bool complete = co_await beginning;
+  if (complete) {
+    MemoryBudget::Waiting waiting = worker_.payloadMemory().take(request.length, this);
+    payload.share = co_await waiting;
+    Io::Task<bool> receiving = receiveUpTo(payload, request.length);
+    complete = co_await receiving;
+  }
   if (!complete) {
     over();
-    co_return;
-  }
-  if (!mustWait(request)) {
-    write(request, payload.bytes());
+  } else if (!mustWait(request)) {
+    write(request, payload.buffer.bytes());
     endTurn();
   } else {
-    begin(request.length, writeSlowly(request, std::move(payload), std::move(share)));
+    begin(request.length, writeSlowly(request, std::move(payload.buffer), std::move(payload.share)));
   }
 }
 
-Io::Task<bool> Transmission::receiveInto(Io::Buffer& payload, std::size_t filled) {
-  Io::Timer stall(worker_.loop(), [this] { stream_.shutDown(); });
-  while (filled < payload.size() && !over_) {
-    const std::size_t wanted = std::min(payload.size() - filled, payloadPiece);
-    const ssize_t count = stream_.receive(payload.bytes().subspan(filled, wanted));
+/// Awaits that the first `length` bytes of the payload have arrived. False: they never will, or take too
+/// long.
+Io::Task<bool> Transmission::receiveUpTo(Payload& payload, std::size_t length) {
+  Io::Clock::time_point lastProgress = worker_.loop().now();
+  std::size_t filledBefore = payload.filled;
+  Io::Timer stall(worker_.loop(), [&] {
+    const std::size_t progress = payload.filled - std::exchange(filledBefore, payload.filled);
+    const Io::Clock::time_point now = worker_.loop().now();
+    if (progress > 0) {
+      lastProgress = now;
+    }
+    if ((payload.share.contended() && progress < Limits::contendedProgress) ||
+        now - lastProgress >= Limits::stallTime) {
+      stream_.shutDown();
+    } else {
+      stall.start(Limits::contendedPeriod);
+    }
+  });
+  while (payload.filled < length && !over_) {
+    const std::size_t wanted = std::min(length - payload.filled, payloadPiece);
+    const ssize_t count = stream_.receive(payload.buffer.bytes().subspan(payload.filled, wanted));
     if (count > 0) {
-      filled += static_cast<std::size_t>(count);
+      payload.filled += static_cast<std::size_t>(count);
       if (static_cast<std::size_t>(count) == wanted) {
         Io::EndOfTurn turn(worker_.loop());
         co_await turn;
@@ -312,11 +331,13 @@ Io::Task<bool> Transmission::receiveInto(Io::Buffer& payload, std::size_t filled
     if (count != -EAGAIN) {
       co_return false;
     }
-    stall.start(Limits::payloadStallTime);
+    if (!stall.running()) {
+      stall.start(Limits::contendedPeriod);
+    }
     Io::Stream::Waiting readable = stream_.readable();
     co_await readable;
   }
-  co_return filled == payload.size();
+  co_return !over_;
 }
 
 // --- Requests that need no waiting

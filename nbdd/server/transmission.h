@@ -59,7 +59,12 @@ class Transmission {
   void endTurn();
   void over() { over_ = true; }
   Io::Task<void> receivePayload();
-  Io::Task<bool> receiveInto(Io::Buffer& payload, std::size_t filled);
+  struct Payload {
+    Io::Buffer buffer;
+    std::size_t filled = 0;
+    MemoryBudget::Share share;
+  };
+  Io::Task<bool> receiveUpTo(Payload& payload, std::size_t length);
 
   // What needs no waiting (transmission.cpp)
   void read(const Request& request);
