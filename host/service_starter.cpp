@@ -213,7 +213,10 @@ Result<Control::Client> connectToService(const ServiceLocation& location, Clock:
     if (!started) return std::unexpected(started.error());
     const bool race = *started == Started::anotherRuns;
     client = awaitSocket(location.socket, race ? std::min(deadline, Clock::now() + patience) : deadline);
-    if (Clock::now() >= deadline) break;
+    if (nothingListens(client) && Clock::now() >= deadline) {
+      return std::unexpected(
+          Failure{FailureCode::timeout, "another nbdd holds " + location.socket + " and does not serve"});
+    }
   }
   return client;
 }
