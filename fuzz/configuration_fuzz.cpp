@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <string_view>
@@ -16,7 +17,10 @@ void checkMessage(const std::string& message) {
   const bool clean =
       message.starts_with("file:") && Control::isUtf8(message) &&
       std::ranges::none_of(message, [](char byte) { return static_cast<unsigned char>(byte) < 0x20; });
-  if (!clean) std::abort();
+  if (!clean) {
+    std::fputs(message.c_str(), stderr);
+    std::abort();
+  }
 }
 
 }  // namespace
@@ -30,13 +34,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   std::string again = "[server]\nport = " + std::to_string(configuration->port) + "\n";
   for (const std::string& address : configuration->listen) {
-    if (address.find_first_of("\"\\") != std::string::npos || !Control::isUtf8(address)) return 0;
     again += again.ends_with("\",") ? "\"" + address + "\"," : "listen = [\"" + address + "\",";
   }
   if (!configuration->listen.empty()) again += "]\n";
-  const bool printable = std::ranges::none_of(again, [](char byte) {
-    return (static_cast<unsigned char>(byte) < 0x20 && byte != '\n') || byte == 0x7F;
-  });
-  if (printable && Nbdd::parseConfiguration(again, "file") != *configuration) std::abort();
+  if (Nbdd::parseConfiguration(again, "file") != *configuration) std::abort();
   return 0;
 }

@@ -62,8 +62,23 @@ TEST(Configuration, MistakesAreToldWithTheirPlace) {
   expectErrorAt("2:11", "[server]\nlisten = [\"127.0.0.1\\u0000\"]\n");
   expectErrorAt("1:10", "server = 1\n");
   EXPECT_FALSE(errorOf("[server\n").empty());
+  expectErrorAt("1:2", "[(erver]\n");
   EXPECT_FALSE(errorOf("[server]\nport = 1\nport = 2\n").empty());
-  EXPECT_FALSE(errorOf("\xff\xfe").empty());
+  expectErrorAt("1:1", "\xff\xfe");
+  expectErrorAt("2:6", "[server]\nport \xc3 = 1\n");
+  expectErrorAt("1:2", std::string_view("[\0server]\n", 11));
+  expectErrorAt("3:1", "[server]\n\n\x7f");
+}
+
+TEST(Configuration, CommentsAreInAnyLanguage) {
+  const auto configuration =
+      parseConfiguration("# größer €😀\n[server] # ü\nport = 7 # \xef\xae\x95\n", "nbdd.toml");
+  ASSERT_TRUE(configuration.has_value()) << configuration.error();
+  EXPECT_EQ(configuration->port, 7);
+  expectErrorAt("2:3", "[server]\ngröße = 1\n");
+  expectErrorAt("2:1", "[server]\n\"größe\" = 1\n");
+  expectErrorAt("2:12", "[server]\n\"a\" = \"öä\" \x01\n");
+  expectErrorAt("2:11", "[server]\nlisten = [\"fe80::1%büro\"]\n");
 }
 
 TEST(Configuration, ForeignTextInMessagesIsEscaped) {
