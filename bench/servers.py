@@ -1,0 +1,189 @@
+"""The NBD servers that are measured, each started as a sensible administrator would, on one image at a time."""
+
+import contextlib
+import os
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import threading
+from pathlib import Path
+
+sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "tests" / "system"))
+
+from support import processes  # noqa: E402
+from support.service import Service  # noqa: E402
+
+TICKS_PER_SECOND = os.sysconf("SC_CLK_TCK")
+
+
+def free_port():
+    with socket.create_server(("127.0.0.1", 0)) as listener:
+        return listener.getsockname()[1]
+
+
+class Cleanups(contextlib.ExitStack):
+    """Stands in for the test case that the fixture of the system tests asks for."""
+
+    def addCleanup(self, function, *words):  # noqa: N802: the fixture's word
+        self.callback(function, *words)
+
+
+class Stock:
+    """A stock server: a command line, ready when its port is open. The image is its default export."""
+
+    def __init__(self, name, arguments):
+        self.name = name
+        self._arguments = arguments
+
+    @contextlib.contextmanager
+    def serving(self, image):
+        port = free_port()
+        with tempfile.TemporaryDirectory(prefix="bench-") as directory, Cleanups() as cleanups:
+            command = self._arguments(image, port, Path(directory))
+            command[0] = processes.tool(command[0])
+            process = subprocess.Popen(
+                command,
+                stdin=subprocess.DEVNULL,
+                stdout=subprocess.DEVNULL,
+                stderr=subprocess.DEVNULL,
+                preexec_fn=processes.die_with_parent,
+            )
+            cleanups.callback(processes.end, process)
+            processes.wait_until(lambda: listens(process, port), f"{self.name} to listen", 20)
+            yield f"nbd://127.0.0.1:{port}/", process.pid
+
+
+def listens(process, port):
+    if process.poll() is not None:
+        raise RuntimeError(f"{process.args[0]} ended with {process.returncode}: {process.args}")
+    return is_open(port)
+
+
+def is_open(port):
+    with contextlib.suppress(ConnectionRefusedError), socket.create_connection(("127.0.0.1", port)):
+        return True
+    return False
+
+
+class Ours:
+    name = "nbdd"
+
+    def __init__(self, name="nbdd", engine="io_uring"):
+        self.name = name
+        self._engine = engine
+
+    @contextlib.contextmanager
+    def serving(self, image):
+        with Cleanups() as cleanups:
+            service = Service(cleanups, listen=("127.0.0.1",), engine=self._engine).start().start_server()
+            _, name = service.publish(image)
+            yield service.uri(name), service.process.pid
+
+
+def nbdkit(*threads):
+    return lambda image, port, _: ["nbdkit", "-f", "-i", "127.0.0.1", "-p", str(port), *threads, "file", str(image)]
+
+
+def qemu_nbd(aio):
+    return lambda image, port, _: (
+        ["qemu-nbd", "-f", "raw", "-b", "127.0.0.1", "-p", str(port), "--persistent", "-e", "16"]
+        + ["--discard=unmap", f"--aio={aio}", str(image)]
+    )
+
+
+class NbdServer:
+    """Serves each connection in a process of its own only as a daemon, so it is found by its PID file."""
+
+    name = "nbd-server"
+
+    @contextlib.contextmanager
+    def serving(self, image):
+        port = free_port()
+        with tempfile.TemporaryDirectory(prefix="bench-") as directory, Cleanups() as cleanups:
+            configuration, pid_file = Path(directory) / "config", Path(directory) / "pid"
+            configuration.write_text(
+                f"[generic]\nport = {port}\nlistenaddr = 127.0.0.1\nallowlist = true\n"
+                f"[image]\nexportname = {image}\nflush = true\nfua = true\ntrim = true\n"
+            )
+            processes.run([processes.tool("nbd-server"), "-C", configuration, "-p", pid_file])
+            pid = int(processes.wait_until(lambda: pid_file.exists() and pid_file.read_text(), "nbd-server", 20))
+            cleanups.callback(self._end, pid)
+            processes.wait_until(lambda: is_open(port), "nbd-server to listen", 20)
+            yield f"nbd://127.0.0.1:{port}/image", pid
+
+    @staticmethod
+    def _end(pid):
+        for process in descendants(pid):
+            with contextlib.suppress(ProcessLookupError):
+                os.kill(process, signal.SIGKILL)
+
+
+def all_servers():
+    """Ours first."""
+    return [
+        Ours(),
+        Ours("nbdd, threads", "threads"),
+        Stock("nbdkit file", nbdkit()),
+        Stock("nbdkit -t 2 file", nbdkit("-t", "2")),
+        Stock("qemu-nbd", qemu_nbd("threads")),
+        Stock("qemu-nbd io_uring", qemu_nbd("io_uring")),
+        NbdServer(),
+    ]
+
+
+# What a server costs.
+
+
+def descendants(pid):
+    found = [pid]
+    for task in Path(f"/proc/{pid}/task").glob("*/children"):
+        with contextlib.suppress(OSError):
+            for child in task.read_text().split():
+                found += descendants(int(child))
+    return found
+
+
+def cpu_seconds(pid):
+    """User and system time of a server and all its children, those that have ended too."""
+    ticks = 0
+    for process in descendants(pid):
+        with contextlib.suppress(OSError):
+            fields = Path(f"/proc/{process}/stat").read_text().rsplit(")", 1)[1].split()
+            ticks += sum(int(field) for field in fields[11:15])  # utime, stime, cutime, cstime
+    return ticks / TICKS_PER_SECOND
+
+
+def resident_kib(pid):
+    total = 0
+    for process in descendants(pid):
+        with contextlib.suppress(OSError):
+            for line in Path(f"/proc/{process}/status").read_text().splitlines():
+                if line.startswith("VmRSS:"):
+                    total += int(line.split()[1])
+    return total
+
+
+class MemoryWatch:
+    """The most that a server and its children held at any look, in KiB; one look every 100 ms."""
+
+    def __init__(self, pid):
+        self._pid = pid
+        self._over = threading.Event()
+        self._thread = threading.Thread(target=self._watch)
+        self.peak = 0
+
+    def _watch(self):
+        while True:
+            self.peak = max(self.peak, resident_kib(self._pid))
+            if self._over.wait(0.1):
+                return
+
+    def __enter__(self):
+        self._thread.start()
+        return self
+
+    def __exit__(self, *_):
+        self._over.set()
+        self._thread.join()
