@@ -109,6 +109,7 @@ struct CommandLine {
   ::signal(SIGINT, SIG_DFL);
   ::signal(SIGPIPE, SIG_DFL);
   const int null = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+  if (null < 0) ::_exit(cannotRunStatus);
   ::dup2(null, STDIN_FILENO);
   ::dup2(null, STDOUT_FILENO);
   ::syscall(SYS_close_range, STDERR_FILENO + 1, ~0U, 1U << 2U /* CLOSE_RANGE_CLOEXEC */);

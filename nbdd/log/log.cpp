@@ -100,6 +100,7 @@ class Destination {
     detached_ = true;
     const Io::FileDescriptor nothing(::open("/dev/null", O_WRONLY | O_CLOEXEC));
     const int target = file_ ? file_.number() : nothing.number();
+    if (target < 0) return;  // no file, no /dev/null: what was inherited stays
     ::dup2(target, STDOUT_FILENO);
     ::dup2(target, STDERR_FILENO);
   }

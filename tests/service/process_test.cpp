@@ -26,7 +26,6 @@ namespace Nbdd {
 namespace {
 
 using namespace std::chrono_literals;
-using ::Testing::Ending;
 using ::Testing::readText;
 using ::Testing::ServiceProcess;
 namespace Methods = Control::Methods;

@@ -10,7 +10,6 @@
 #include "host/runtime/address_text.h"
 
 using Services::Network::Definitions::IPAddress;
-using Services::Network::Definitions::IPEndpoint;
 
 namespace {
 
