@@ -1,7 +1,7 @@
 // Stands for nbdd in the tests of how it is started. What it does is said by FAKE_NBDD:
-//   serve    serves NBDD_RUNTIME_DIR with a fake service until it is told to stop (ServerStop); a second one
-//   that
-//            finds the directory locked ends with status 3
+//
+//   serve    serves NBDD_RUNTIME_DIR with a fake service until it is asked to stop (ServerStop); a second
+//            one that finds the directory locked ends with status 3
 //   fail     says a sentence and ends
 //   hang     never becomes ready
 //   locked   ends with status 3 although nobody serves
