@@ -60,17 +60,27 @@ void ExportRegistry::restore(const SavedState& state) {
     Export& subject = exports_.emplace(saved.id, std::move(restored)).first->second;
     if (identity && ownerOf(*identity, &subject) == nullptr) remember(subject, *identity);
   }
-  // A predecessor that was killed may still hold its nodes: the kernel first finishes the requests of its
-  // io_uring, and then lets go of its files.
   const auto patience = std::chrono::steady_clock::now() + Limits::restorePatience;
   for (auto position = exports_.begin(); position != exports_.end(); ++position) {
     if (returnOf(position->second.saved.wanted).effect != ExportEffect::openNode) continue;
-    auto opened = serve(position);  // a failure is the export's state from now on, and in the log
-    while (!opened && opened.error().code == FailureCode::nodeInUse &&
-           std::chrono::steady_clock::now() < patience) {
-      std::this_thread::sleep_for(Limits::lockRetry);
-      opened = serve(position);
+    awaitNode(position->second, patience);
+    static_cast<void>(serve(position));  // a failure is the export's state from now on, and in the log
+  }
+}
+
+// A predecessor that was killed may still hold its nodes: the kernel first finishes the requests of its
+// io_uring, and only then lets go of its files.
+void ExportRegistry::awaitNode(Export& subject, std::chrono::steady_clock::time_point deadline) {
+  bool told = false;
+  for (;;) {
+    const auto opened = openUnlessExported(subject);
+    if (opened || opened.error().code != FailureCode::nodeInUse) return;
+    if (std::chrono::steady_clock::now() >= deadline) return;
+    if (!std::exchange(told, true)) {
+      log(LogLevel::info, "node-awaited", "export {} waits for its node, which is in use",
+          number(subject.saved.id));
     }
+    std::this_thread::sleep_for(Limits::lockRetry);
   }
 }
 

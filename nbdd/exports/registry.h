@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <map>
@@ -87,6 +88,8 @@ class ExportRegistry {
   /// Opens the node for enabling and leads on to the outcome.
   Control::Result<void> serve(Exports::iterator position);
   Control::Result<OpenedNode> openUnlessExported(Export& subject);
+  /// Waits until nobody else holds the node, or `deadline`; start-up only.
+  void awaitNode(Export& subject, std::chrono::steady_clock::time_point deadline);
   /// Opens a node, also one that we ourselves have not quite let go of.
   Control::Result<OpenedNode> open(const std::string& path, const NodeIdentity& identity, bool readOnly);
   /// Enters the row's next state, saved first if there is anything to save.

@@ -1,6 +1,6 @@
 """kill -9 at random instants: what was acknowledged is there afterwards, and nothing is there by half.
 
-Every round prints nothing; a failure prints its seed, and TALVEK_SEED=<seed> plays the same choices again (the
+The seed is printed, and TALVEK_SEED=<seed> plays the same choices again (the
 instants differ, of course: they are the kernel's).
 """
 
@@ -39,6 +39,7 @@ class RandomKill:
 class Seeded:
     def setUp(self):
         self.seed = int(os.environ.get("TALVEK_SEED", time.time_ns() % 1_000_000_007))
+        print(f"TALVEK_SEED={self.seed}")
         self.random = random.Random(self.seed)
         self.service = Service(self)
 

@@ -1,5 +1,6 @@
 """How nbdd comes, stays and goes: on demand, by hand, and under a service manager."""
 
+import fcntl
 import signal
 import socket
 import subprocess
@@ -121,6 +122,16 @@ class Signals(unittest.TestCase):
         self.assertEqual(self.service.info(self.number), before)
         with nbd.Client(self.service.port, self.name) as client:
             self.assertEqual(client.request(nbd.READ, 0, 512)[1], images.content(self.node)[:512])
+
+    def test_a_node_that_its_predecessor_lets_go_late_is_served(self):
+        """The kernel may hold the files of a killed service for a moment."""
+        self.service.kill()
+        with open(self.node, "rb") as holder:
+            fcntl.flock(holder, fcntl.LOCK_EX)
+            self.service.spawn()
+            processes.wait_until(lambda: "waits for its node" in self.service.log_text(), "nbdd to wait")
+        self.assertTrue(self.service.await_ready())
+        self.assertEqual(self.service.info(self.number)["state"], "enabled")
 
     def test_sighup_keeps_clients_and_a_wrong_configuration_changes_nothing(self):
         with nbd.Client(self.service.port, self.name) as client:
