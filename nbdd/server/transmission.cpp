@@ -372,8 +372,10 @@ void Transmission::encodeReadHeader(std::span<std::byte> header, const Request& 
   }
 }
 
+/// Never for a few bytes: the chunk that tells of a hole would be larger than the data.
 bool Transmission::mayAnswerWithHoles(const Request& request) const {
-  return limits_.structuredReplies && (request.flags & Nbd::CommandFlag::df) == 0;
+  return limits_.structuredReplies && (request.flags & Nbd::CommandFlag::df) == 0 &&
+         request.length >= Nbd::offsetHoleSize;
 }
 
 /// Reads into the batch of replies without waiting for a device. False: that is not possible.
