@@ -25,6 +25,7 @@ Io::Task<void> Session::run() {
     Io::Task<void> serving = serve(std::move(*agreement));
     co_await serving;
   }
+  ending_ = true;  // who asks for it from here on is late: only the deadlines cut it short
   deadline_.start(Limits::lastRepliesTime);
   Io::Task<void> finishing = sender_.finish();
   co_await finishing;
