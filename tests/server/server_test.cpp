@@ -202,6 +202,18 @@ TEST_P(ServerTest, SendsHolesAsHolesUnlessToldNotTo) {
   }
 }
 
+// The chunk that tells of a hole takes more room than these replies have.
+TEST_P(ServerTest, SendsAFewZeroesAsData) {
+  RawClient client = enter({.structuredReplies = true});
+  for (std::uint32_t length = 1; length <= 4; ++length) {
+    client.request({.flags = 0, .type = Nbd::Command::read, .cookie = 5, .offset = 7, .length = length});
+    const RawClient::Chunk data = client.receiveChunk();
+    EXPECT_EQ(data.header.type, Nbd::ReplyChunk::offsetData);
+    EXPECT_TRUE(data.header.isDone());
+    EXPECT_EQ(data.payload.size(), 8 + length);
+  }
+}
+
 // Chunks of one reply, whatever their order, tile the request: data and holes alike.
 TEST_P(ServerTest, TilesAReadOfAFileWithHoles) {
   RawClient client = enter({.structuredReplies = true});
@@ -356,6 +368,15 @@ TEST_P(ServerTest, ClosesWithClientsInEveryPhase) {
   EXPECT_FALSE(onControlLoop([](Server& server) { return server.listening(); }));
   EXPECT_EQ(onControlLoop([](Server& server) { return server.connectionCount(); }), 0U);
   EXPECT_THROW(RawClient(port_).receiveGreeting(), std::runtime_error);
+}
+
+// Its session has nothing left to do but to wait a moment for the client to close.
+TEST_P(ServerTest, ClosesThoughAClientThatSaidGoodbyeStays) {
+  RawClient leaving = enter();
+  leaving.request({.flags = 0, .type = Nbd::Command::disconnect, .cookie = 1, .offset = 0, .length = 0});
+  EXPECT_TRUE(leaving.receiveToEnd().empty());
+  untilDone([](Server& server, Io::Function done) { server.close(std::move(done)); });
+  EXPECT_EQ(onControlLoop([](Server& server) { return server.connectionCount(); }), 0U);
 }
 
 TEST_P(ServerTest, FinishesWhatAClientAskedBeforeItSaidGoodbye) {
