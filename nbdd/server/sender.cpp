@@ -14,8 +14,9 @@ namespace Nbdd {
 
 namespace {
 
-// Room for further small replies behind the first one that has to wait.
-constexpr std::size_t copyCapacity = std::size_t{16} * 1024;
+// Room for further small replies behind the first one that has to wait. Before a range of a file there is one
+// header alone, so this is no more than the least that the pool hands out.
+constexpr std::size_t copyCapacity = std::size_t{4} * 1024;
 
 constexpr std::size_t maximumPieces = 64;
 
@@ -70,7 +71,7 @@ void Sender::post(Io::Buffer buffer, std::size_t length, MemoryBudget::Share sha
   piece.buffer = std::move(buffer);
   piece.end = length;
   piece.share = std::move(share);
-  pending_ += length;
+  pending_ += piece.buffer.size();
   queue_.push_back(std::move(piece));
   flushSoon(true);
 }
@@ -84,11 +85,11 @@ void Sender::post(std::span<const std::byte> bytes) {
 }
 
 void Sender::appendCopy(std::span<const std::byte> bytes) {
-  pending_ += bytes.size();
   if (queue_.empty() || queue_.back().storage ||
       queue_.back().buffer.size() - queue_.back().end < bytes.size()) {
     Piece piece;
     piece.buffer = buffers_.take(std::max(bytes.size(), copyCapacity));
+    pending_ += piece.buffer.size();
     queue_.push_back(std::move(piece));
   }
   Piece& last = queue_.back();
@@ -115,6 +116,7 @@ Io::Task<void> Sender::flush(bool endOfTurn) {
     }
     drained_.notify();
     if (outcome == Outcome::done) {
+      stall_.cancel();  // whatever comes next has its own time
       break;
     }
     watchStall();
@@ -154,14 +156,15 @@ ssize_t Sender::sendBuffers() {
 }
 
 void Sender::taken(std::size_t bytes) {
-  pending_ -= bytes;
   sent_ += bytes;
   while (bytes > 0) {
     Piece& piece = queue_.front();
     const std::size_t part = std::min(bytes, piece.end - piece.begin);
     piece.begin += part;
     bytes -= part;
+    pending_ -= part;
     if (piece.begin == piece.end) {
+      pending_ -= piece.buffer.size() - piece.end;
       queue_.pop_front();
     }
   }

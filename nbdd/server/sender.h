@@ -37,7 +37,7 @@ class Sender {
   void post(Io::Buffer buffer, std::size_t length, MemoryBudget::Share share = {});
   void post(std::span<const std::byte> bytes);
 
-  /// Bytes of memory that wait for the client to read.
+  /// Bytes of memory that wait for the client to read: whole buffers, but for what of them has been sent.
   std::size_t pending() const { return pending_; }
   bool idle() const { return queue_.empty(); }
   /// Nothing can be sent any more; what is queued is dropped.

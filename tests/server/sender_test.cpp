@@ -112,6 +112,24 @@ TEST_F(SenderTest, HoldsFileContentsAsARangeAndNotAsBytes) {
   finish();
 }
 
+// Each header keeps a buffer of its own alive, however short it is.
+TEST_F(SenderTest, CountsWhatTheHeadersOfFilesHold) {
+  const std::string content(1'000'000, 'F');
+  const auto storage = storageOf(content);
+  for (int reply = 0; reply < 10; ++reply) {
+    sender_->send(bytesOf("h"), true);
+    sender_->sendFile(storage, 0, content.size());
+  }
+  EXPECT_GE(sender_->pending(), 9U * 4096);
+  std::string received;
+  std::jthread peer = receive(received);
+  finish();
+  stream_->endSending();
+  peer.join();
+  EXPECT_EQ(received.size(), 10 * (content.size() + 1));
+  EXPECT_EQ(sender_->pending(), 0U);
+}
+
 TEST_F(SenderTest, FailsOnceThePeerIsGoneAndDropsTheRest) {
   sender_->send(bytesOf(std::string(500'000, 'x')));
   EXPECT_FALSE(sender_->failed());
