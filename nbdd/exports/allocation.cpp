@@ -1,5 +1,6 @@
 #include "nbdd/exports/allocation.h"
 
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/types.h>
 #include <unistd.h>
@@ -28,16 +29,29 @@ struct CacheState {
   std::uint64_t recentlyEvicted;
 };
 
+/// 0 if the file, in which there are no data behind some offset, still reaches to `end`; else an errno.
+int checkEnd(int file, std::uint64_t end) {
+  struct stat status{};
+  if (::fstat(file, &status) != 0) {
+    return errno;
+  }
+  return static_cast<std::uint64_t>(status.st_size) >= end ? 0 : EIO;
+}
+
 /// Where the next byte of the kind `whence` stands at or behind `offset`, `end` at the most; or an errno.
+/// What a file has lost of its end is no hole.
 std::expected<std::uint64_t, int> seek(int file, std::uint64_t offset, std::uint64_t end, int whence) {
   const off_t found = ::lseek(file, static_cast<off_t>(offset), whence);
   if (found >= 0) {
     return std::min(static_cast<std::uint64_t>(found), end);
   }
-  if (errno == ENXIO) {
-    return end;  // none until the end of the file
+  if (errno != ENXIO) {
+    return std::unexpected(errno);
   }
-  return std::unexpected(errno);
+  if (const int error = checkEnd(file, end); error != 0) {
+    return std::unexpected(error);
+  }
+  return end;  // none until the end of the file
 }
 
 }  // namespace

@@ -17,7 +17,8 @@ struct AllocationRun {
 
 /// The allocation of [offset, offset + length) of `file`, as SEEK_DATA and SEEK_HOLE report it: runs in
 /// order, neighbours of different kinds, `maximumRuns` at most, so that they may end before the range does. A
-/// file system that does not know says that all is data. Returns an errno on failure. Blocks.
+/// file system that does not know says that all is data. Returns an errno on failure; EIO where the range
+/// reaches beyond the end of the file, which has become shorter. Blocks.
 std::expected<std::vector<AllocationRun>, int> allocation(int file, std::uint64_t offset,
                                                           std::uint64_t length, std::size_t maximumRuns);
 

@@ -68,6 +68,16 @@ TEST_P(Allocation, SeesAnEmptyFileAsOneHole) {
   EXPECT_EQ(asText(*hole), ".262143 ");
 }
 
+// What it has lost must not read as zeroes.
+TEST_P(Allocation, FailsBeyondTheEndOfAFileThatHasBecomeShorter) {
+  const Io::FileDescriptor file = makeFile(GetParam(), "d.");
+  for (const std::uint64_t offset : {0UL, block, 2 * block, 3 * block}) {
+    const auto lost = allocation(file.number(), offset, 4 * block - offset, 100);
+    ASSERT_FALSE(lost) << offset;
+    EXPECT_EQ(lost.error(), EIO);
+  }
+}
+
 INSTANTIATE_TEST_SUITE_P(FileSystems, Allocation, ::testing::Values("/tmp", "/dev/shm"),
                          [](const auto& where) { return where.index == 0 ? "disk" : "memory"; });
 

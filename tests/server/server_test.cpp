@@ -288,6 +288,25 @@ TEST_P(ServerTest, ReportsAFileThatHasBecomeShorter) {
   EXPECT_EQ(client.read(0, 4096).first, Nbd::Error::none);
 }
 
+// A hole would be an answer, and a wrong one.
+TEST_P(ServerTest, DoesNotReadWhatAFileHasLostAsZeroes) {
+  ASSERT_EQ(::ftruncate(file_.number(), 1'048'576), 0);
+  RawClient client = enter({.structuredReplies = true});
+  client.request(
+      {.flags = 0, .type = Nbd::Command::read, .cookie = 5, .offset = 524'288, .length = 1'048'576});
+  bool failed = false;
+  try {
+    while (!failed) {
+      const RawClient::Chunk chunk = client.receiveChunk();
+      failed = chunk.header.isError();
+      ASSERT_FALSE(chunk.header.isDone() && !failed);
+    }
+  } catch (const Wire::Disappointment&) {
+    failed = true;  // the header of the data was out already: the end of the connection tells it
+  }
+  EXPECT_TRUE(failed);
+}
+
 TEST_P(ServerTest, CountsTransfers) {
   RawClient client = enter();
   ASSERT_EQ(client.write(0, noise(5000, 1)), Nbd::Error::none);
