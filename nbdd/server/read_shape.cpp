@@ -33,4 +33,12 @@ std::vector<AllocationRun> allocationOfRead(int file, std::uint64_t offset, std:
   return runs;
 }
 
+std::size_t dataLength(const std::vector<AllocationRun>& runs) {
+  std::size_t length = 0;
+  for (const AllocationRun& run : runs) {
+    length += run.hole ? 0 : static_cast<std::size_t>(run.length);
+  }
+  return length;
+}
+
 }  // namespace Nbdd

@@ -21,4 +21,7 @@ bool isZero(std::span<const std::byte> bytes);
 /// block.
 std::vector<AllocationRun> allocationOfRead(int file, std::uint64_t offset, std::uint64_t length);
 
+/// How many bytes of the runs are no holes.
+std::size_t dataLength(const std::vector<AllocationRun>& runs);
+
 }  // namespace Nbdd

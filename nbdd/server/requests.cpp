@@ -192,14 +192,6 @@ class SyncWaiting {
   int error_ = 0;
 };
 
-std::size_t dataLength(const std::vector<AllocationRun>& runs) {
-  std::size_t length = 0;
-  for (const AllocationRun& run : runs) {
-    length += run.hole ? 0 : static_cast<std::size_t>(run.length);
-  }
-  return length;
-}
-
 std::uint32_t extentStatus(const AllocationRun& run) {
   return run.hole ? Nbd::AllocationFlag::hole | Nbd::AllocationFlag::zero : 0U;
 }

@@ -69,6 +69,7 @@ Io::Task<void> Transmission::run(std::vector<std::byte> received) {
   received = {};
   while (!over_) {
     if (!hasRoom()) {
+      memory_ = {};  // others may have it while this client does not read
       // Whichever ends first makes room: a request, or the sending of its reply.
       Io::Signal& signal = sender_.pending() >= Limits::pendingReplies ? sender_.progress() : room_;
       Io::Signal::Waiting room = signal.wait();
@@ -101,6 +102,7 @@ Io::Task<void> Transmission::run(std::vector<std::byte> received) {
     }
   }
   carried_.reset();
+  memory_ = {};
   Io::Scope::Joined joined = requests_.join();
   co_await joined;
 }
@@ -258,15 +260,15 @@ void Transmission::carryOut(const Request& request) {
   }
 }
 
-/// Sends the turn's replies and adds up what it transferred.
+/// Adds up what the turn transferred and sends its replies: who has been answered finds it counted.
 void Transmission::endTurn() {
-  batch_.send();
   if (received_.transfers > 0) {
     publication_->counters->addReceived(std::exchange(received_, {}));
   }
   if (sent_.transfers > 0) {
     publication_->counters->addSent(std::exchange(sent_, {}));
   }
+  batch_.send();
 }
 
 /// Receives the data of a large write into memory of its own and carries it out. When the connection ends
@@ -410,8 +412,9 @@ void Transmission::readBySendFile(const Request& request) {
   } else {
     runs = {{.length = request.length, .hole = false}};
   }
+  publication_->counters->addSent(
+      {.transfers = 1, .bytes = request.length, .bytesTransferred = dataLength(runs)});
   std::uint64_t offset = request.offset;
-  std::uint64_t transferred = 0;
   for (const AllocationRun& run : runs) {
     const auto length = static_cast<std::uint32_t>(run.length);
     const std::uint16_t flags = &run == &runs.back() ? Nbd::ReplyFlag::done : std::uint16_t{0};
@@ -424,11 +427,9 @@ void Transmission::readBySendFile(const Request& request) {
       batch_.commit(readHeaderSize());
       batch_.send(true);
       sender_.sendFile(publication_->storage, offset, length);
-      transferred += length;
     }
     offset += length;
   }
-  countSent(request.length, transferred);
 }
 
 void Transmission::write(const Request& request, std::span<const std::byte> data) {
