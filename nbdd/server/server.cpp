@@ -99,6 +99,11 @@ Server::Server(Io::EventLoop& loop, Options options, Events events)
 
 Server::~Server() {
   state_->listener.reset();
+  // A session that ends on one worker wakes those that wait for it on others: all are there until all are
+  // done.
+  for (const std::unique_ptr<Worker>& worker : state_->workers) {
+    worker->finish();
+  }
   state_->workers.clear();
 }
 

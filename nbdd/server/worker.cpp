@@ -23,7 +23,12 @@ Worker::Worker(ExportTable& table, Io::ThreadPool& pool, bool allowRing, const W
   ready.wait();
 }
 
-Worker::~Worker() {
+Worker::~Worker() { finish(); }
+
+void Worker::finish() {
+  if (!thread_.joinable()) {
+    return;
+  }
   loop_.post([this] {
     ending_ = true;
     for (const auto& [id, session] : sessions_) {

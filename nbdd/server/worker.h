@@ -36,10 +36,14 @@ class Worker {
  public:
   /// Starts the thread. `table`, `pool` and `events` outlive it.
   Worker(ExportTable& table, Io::ThreadPool& pool, bool allowRing, const WorkerEvents& events);
-  /// Ends all sessions hard, awaits their running requests, and joins the thread.
+  /// As `finish`.
   ~Worker();
   Worker(const Worker&) = delete;
   Worker& operator=(const Worker&) = delete;
+
+  /// Ends all sessions hard, awaits their running requests, and joins the thread. Other workers may still
+  /// post here until all have finished: none of them may be destroyed before. The thread that made it.
+  void finish();
 
   // Any thread:
 
