@@ -77,7 +77,8 @@ inline constexpr int listenBacklog = 4096;
 /// A handshake takes a few round trips. Whoever has not finished by then is disconnected.
 inline constexpr std::chrono::seconds handshakeTime{30};
 
-/// How long an ended session may take to send its last replies to a client that does not read.
+/// How long an ended session may take to send its last replies to a client that does not read, and one whose
+/// client has ended its side, when another client waits for that.
 inline constexpr std::chrono::seconds lastRepliesTime{5};
 
 /// How long a session that has ended waits for the client to end its side too.

@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 namespace Nbdd {
@@ -123,6 +124,16 @@ std::vector<AttachedSession> ExportTable::sessions(Control::ExportId id) const {
   const std::lock_guard lock(mutex_);
   const auto found = usage_.find(id);
   return found == usage_.end() ? std::vector<AttachedSession>() : found->second.sessions;
+}
+
+std::vector<AttachedSession> ExportTable::sessionsOfGonePeers(Control::ExportId id) const {
+  const std::lock_guard lock(mutex_);
+  std::vector<AttachedSession> gone;
+  if (const auto found = usage_.find(id); found != usage_.end()) {
+    std::ranges::copy_if(found->second.sessions, std::back_inserter(gone), peerIsGone,
+                         &AttachedSession::socket);
+  }
+  return gone;
 }
 
 std::size_t ExportTable::sessionCount(Control::ExportId id) const {

@@ -59,6 +59,8 @@ class ExportTable final : public Nbd::ExportDirectory {
   void detach(Control::ExportId id, SessionId session);
 
   std::vector<AttachedSession> sessions(Control::ExportId id) const;
+  /// Those of them whose peer is gone: whom a session that must wait is waiting for.
+  std::vector<AttachedSession> sessionsOfGonePeers(Control::ExportId id) const;
   std::size_t sessionCount(Control::ExportId id) const;
 
  private:

@@ -136,6 +136,9 @@ Io::Task<bool> Session::attach(std::shared_ptr<const Publication> publication) {
     if (attachment != ExportTable::Attachment::mustWait) {
       co_return attachment == ExportTable::Attachment::attached;
     }
+    for (const AttachedSession& gone : worker_.table().sessionsOfGonePeers(publication->id)) {
+      gone.worker->hurrySession(gone.id);
+    }
     Io::Signal::Waiting wait = wake_.wait();
     co_await wait;
     if (ending_) {
@@ -170,6 +173,12 @@ void Session::end() {
     }
     wake_.notify();
     stream_.interruptReading();
+  }
+}
+
+void Session::hurry() {
+  if (transmission_ && !ending_ && !deadline_.running()) {
+    deadline_.start(Limits::lastRepliesTime);
   }
 }
 

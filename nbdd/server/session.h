@@ -35,6 +35,9 @@ class Session {
   void end();
   /// The same without the replies.
   void abort();
+  /// The client has ended its side, and another waits for this session's end: a client that does not read its
+  /// replies has only so long left.
+  void hurry();
   /// The export's use by other sessions has changed.
   void wake() { wake_.notify(); }
 

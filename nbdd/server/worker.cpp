@@ -87,6 +87,14 @@ void Worker::endAllSessions() {
   });
 }
 
+void Worker::hurrySession(SessionId id) {
+  loop_.post([this, id] {
+    if (const auto session = sessions_.find(id); session != sessions_.end()) {
+      session->second->hurry();
+    }
+  });
+}
+
 void Worker::wakeSession(SessionId id) {
   loop_.post([this, id] {
     if (const auto session = sessions_.find(id); session != sessions_.end()) {

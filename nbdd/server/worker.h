@@ -52,6 +52,8 @@ class Worker {
   /// Lets the session finish its running requests, then ends it. Unknown ids are ignored.
   void endSession(SessionId id);
   void endAllSessions();
+  /// Gives a session whose client has ended its side a deadline. Unknown ids are ignored.
+  void hurrySession(SessionId id);
   /// Tells a session that what it waits for to attach may have come about.
   void wakeSession(SessionId id);
   std::size_t sessionCount() const { return sessionCount_.load(std::memory_order_relaxed); }

@@ -147,6 +147,8 @@ TEST_F(ExportTableTest, ANewSessionWaitsForThoseWhosePeerIsGone) {
   dead.closeClient();
   EXPECT_EQ(attach(firstId, 3, next), ExportTable::Attachment::mustWait);
   EXPECT_EQ(wakes_, 0);
+  ASSERT_EQ(table_.sessionsOfGonePeers(firstId).size(), 1U);
+  EXPECT_EQ(table_.sessionsOfGonePeers(firstId).front().id, 1U);
   table_.detach(firstId, 1);
   EXPECT_EQ(wakes_, 1);
   EXPECT_EQ(attach(firstId, 3, next), ExportTable::Attachment::attached);

@@ -113,6 +113,17 @@ class ServerTest : public ::testing::TestWithParam<Setting> {
     return client;
   }
 
+  /// Enters the export and has more replies waiting than the server keeps for anybody.
+  static void askForMoreThanItReads(RawClient& client) {
+    client.enter("disk");
+    for (std::uint64_t cookie = 0; cookie < 64; ++cookie) {
+      for (const std::uint32_t length : {4096U, 60'000U, 1'048'576U}) {
+        client.request(
+            {.flags = 0, .type = Nbd::Command::read, .cookie = cookie, .offset = 0, .length = length});
+      }
+    }
+  }
+
   Buffer fileContent(std::uint64_t offset, std::size_t length) const {
     Buffer bytes(length);
     EXPECT_EQ(::pread(file_.number(), bytes.data(), length, static_cast<off_t>(offset)),
@@ -355,13 +366,7 @@ TEST_P(ServerTest, EndsASessionWhoseClientNeverReads) {
   const Buffer data = noise(1'048'576, 4);
   ASSERT_EQ(::pwrite(file_.number(), data.data(), data.size(), 0), 1'048'576);
   RawClient stalled(port_, 4096);
-  stalled.enter("disk");
-  for (std::uint64_t cookie = 0; cookie < 64; ++cookie) {
-    for (const std::uint32_t length : {4096U, 60'000U, 1'048'576U}) {
-      stalled.request(
-          {.flags = 0, .type = Nbd::Command::read, .cookie = cookie, .offset = 0, .length = length});
-    }
-  }
+  askForMoreThanItReads(stalled);
   // Another client is served all the while.
   RawClient other = enter();
   EXPECT_EQ(other.read(0, 4096).second, Buffer(data.begin(), data.begin() + 4096));
@@ -452,6 +457,19 @@ INSTANTIATE_TEST_SUITE_P(Settings, ServerTest,
                                                                                              : "memory") +
                                   (setting.param.allowRing ? "Ring" : "Threads");
                          });
+
+/// What takes seconds: one setting shows it.
+class SlowServerTest : public ServerTest {};
+
+// It has ended its side, so the next client is kept waiting, but not for as long as the first one likes.
+TEST_P(SlowServerTest, LetsClientsInThoughOneThatHasEndedItsSideNeverReads) {
+  RawClient stalled(port_, 4096);
+  askForMoreThanItReads(stalled);
+  stalled.endSending();
+  EXPECT_EQ(enter().read(0, 4096).second, Buffer(4096));
+}
+
+INSTANTIATE_TEST_SUITE_P(Settings, SlowServerTest, ::testing::Values(Setting{"/dev/shm", true}));
 
 }  // namespace
 }  // namespace Nbdd
