@@ -246,9 +246,10 @@ Control::Result<void> ExportRegistry::serve(Exports::iterator position) {
   const ExportTransition& row = rowFor(subject.state, ExportEvent::nodeOpened);
   if (auto entered = enter(subject, row, changed); !entered) return entered;
   remember(subject, opened->identity);
-  auto storage = std::make_shared<Storage>(std::move(opened->node));
   std::vector<std::weak_ptr<Storage>>& held = storages_[opened->identity];
   std::erase_if(held, [](const auto& candidate) { return candidate.expired(); });
+  const std::shared_ptr<Storage> predecessor = held.empty() ? nullptr : held.back().lock();
+  auto storage = std::make_shared<Storage>(std::move(opened->node), predecessor.get());
   held.push_back(storage);
   publisher_.publish({.id = position->first,
                       .name = subject.saved.name,

@@ -35,7 +35,10 @@ bool GroupSync::finish(int error) {
   return again;
 }
 
-Storage::Storage(OpenNode node) : node_(std::move(node)) {
+Storage::Storage(OpenNode node, const Storage* predecessor)
+    : node_(std::move(node)),
+      durability_(predecessor != nullptr && !predecessor->failed() ? predecessor->durability_
+                                                                   : std::make_shared<Durability>()) {
   constexpr std::uint64_t statBlock = 512;  // the unit of st_blocks, whatever the file system's own
   struct stat status{};
   if (!node_.blockDevice && ::fstat(descriptor(), &status) == 0) {

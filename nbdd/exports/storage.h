@@ -51,7 +51,10 @@ class GroupSync {
 /// of them covers the writes of all. Threads: everything here may be used by any.
 class Storage {
  public:
-  explicit Storage(OpenNode node);
+  /// `predecessor`: another storage of the same node that clients still use, or null. The kernel reports a
+  /// lost write to one sync of their common open file, so the two run their syncs, and fail, together. One
+  /// that has failed already is no concern of the new one.
+  explicit Storage(OpenNode node, const Storage* predecessor = nullptr);
 
   int descriptor() const { return node_.descriptor.number(); }
   const OpenNode& node() const { return node_; }
@@ -61,12 +64,12 @@ class Storage {
   /// What the NBD handshake says of it (Nbd::TransmissionFlag).
   std::uint16_t transmissionFlags() const;
 
-  GroupSync& sync() { return sync_; }
+  GroupSync& sync() { return durability_->sync; }
 
   /// A sync failed: bytes that were acknowledged may be lost. From then on every flush fails, and so does
   /// every request that would write.
-  void fail() { failed_.store(true, std::memory_order_release); }
-  bool failed() const { return failed_.load(std::memory_order_acquire); }
+  void fail() { durability_->failed.store(true, std::memory_order_release); }
+  bool failed() const { return durability_->failed.load(std::memory_order_acquire); }
 
   /// Whether the node may have holes, so that a read is worth a look at its allocation.
   bool mayHaveHoles() const { return mayHaveHoles_.load(std::memory_order_relaxed); }
@@ -74,10 +77,14 @@ class Storage {
   void noteHoles() { mayHaveHoles_.store(true, std::memory_order_relaxed); }
 
  private:
+  struct Durability {
+    std::atomic<bool> failed = false;
+    GroupSync sync;
+  };
+
   OpenNode node_;
-  std::atomic<bool> failed_ = false;
   std::atomic<bool> mayHaveHoles_ = false;
-  GroupSync sync_;
+  const std::shared_ptr<Durability> durability_;
 };
 
 }  // namespace Nbdd

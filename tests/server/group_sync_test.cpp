@@ -56,5 +56,23 @@ TEST(GroupSync, StartsAnewAfterARest) {
   EXPECT_EQ(askers.told, std::vector<int>({0, 28}));
 }
 
+OpenNode emptyNode() { return {}; }
+
+// Only one of their syncs is told of a lost write.
+TEST(StorageSync, TwoStoragesOfOneNodeSyncAndFailTogether) {
+  Storage old(emptyNode());
+  Storage next(emptyNode(), &old);
+  EXPECT_TRUE(old.sync().join([](int) {}));
+  EXPECT_FALSE(next.sync().join([](int) {}));
+  old.fail();
+  EXPECT_TRUE(next.failed());
+}
+
+TEST(StorageSync, AFailureOfThePastIsNotInherited) {
+  Storage old(emptyNode());
+  old.fail();
+  EXPECT_FALSE(Storage(emptyNode(), &old).failed());
+}
+
 }  // namespace
 }  // namespace Nbdd
