@@ -17,7 +17,7 @@
 namespace Nbdd {
 
 /// A socket address as text, for records and messages: numeric, with the scope's number behind an IPv6
-/// link-local one. An IPv4-mapped address comes out as the IPv4 address.
+/// link-local one.
 Control::Endpoint endpointOf(const sockaddr_storage& address);
 
 /// The listening sockets of the server. Accepts connections and hands them on. The control loop's thread.
