@@ -102,6 +102,7 @@ std::optional<gid_t> controlGroup(const Locations& locations) {
 
 void prepareProcess() {
   std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);  // a write beyond `ulimit -f` fails, and ends nothing else
   // Files and directories get their modes where they are made; a mask could only take away from them.
   ::umask(022);
   rlimit files{};
