@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <span>
 
+#include "nbd/contract.h"
 #include "nbdd/server/sender.h"
 
 namespace Nbdd {
@@ -22,7 +23,10 @@ class ReplyBatch {
     return memory_.subspan(used_, size);
   }
   /// The first `size` bytes of the room last reserved belong to the batch now.
-  void commit(std::size_t size) { used_ += size; }
+  void commit(std::size_t size) {
+    Nbd::require(size <= memory_.size() - used_);
+    used_ += size;
+  }
 
   /// Sends what is there. `more`: something else follows at once.
   void send(bool more = false) {

@@ -377,25 +377,8 @@ Io::Task<void> Transmission::blockStatusSlowly(Request request) {
 }
 
 void Transmission::postReply(const Request& request, int error) {
-  if (error != 0) {
-    postError(request, wireError(error));
-    return;
-  }
-  std::array<std::byte, Nbd::simpleReplySize> bytes;
-  Nbd::encodeSimpleReply(bytes, request.cookie);
-  sender_.post(bytes);
-}
-
-void Transmission::postError(const Request& request, Nbd::Error error) {
-  if (limits_.structuredReplies) {
-    std::array<std::byte, Nbd::maxErrorChunkSize> bytes;
-    const std::size_t size = Nbd::encodeError(bytes, request.cookie, Nbd::ReplyFlag::done, error);
-    sender_.post(std::span(bytes).first(size));
-  } else {
-    std::array<std::byte, Nbd::simpleReplySize> bytes;
-    Nbd::encodeSimpleReply(bytes, request.cookie, error);
-    sender_.post(bytes);
-  }
+  std::array<std::byte, Nbd::maxErrorChunkSize> bytes;
+  sender_.post(std::span(bytes).first(encodeReply(bytes, request, wireError(error))));
 }
 
 }  // namespace Nbdd

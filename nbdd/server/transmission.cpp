@@ -227,7 +227,7 @@ std::size_t Transmission::refuse(const Request& request, Nbd::Error error) {
     over();
     return 0;
   }
-  replyError(request, error);
+  reply(request, error);
   drain_ = Nbd::payloadLength(request);
   return Nbd::requestSize;
 }
@@ -348,7 +348,7 @@ Io::Task<bool> Transmission::receiveUpTo(Payload& payload, std::size_t length) {
 void Transmission::read(const Request& request) {
   const int file = storage().descriptor();
   if (request.length == 0) {
-    reply(request, 0);
+    reply(request, Nbd::Error::none);
   } else if (request.length < sendFileLength) {
     if (!readFromMemory(request)) {
       begin(request.length, readSlowly(request));
@@ -434,7 +434,7 @@ void Transmission::readBySendFile(const Request& request) {
 
 void Transmission::write(const Request& request, std::span<const std::byte> data) {
   if (data.empty()) {
-    reply(request, 0);
+    reply(request, Nbd::Error::none);
     return;
   }
   if (!mustWait(request)) {
@@ -443,7 +443,7 @@ void Transmission::write(const Request& request, std::span<const std::byte> data
     received_.transfers += 1;
     received_.bytes += data.size();
     received_.bytesTransferred += data.size();
-    reply(request, error);
+    reply(request, wireError(error));
     return;
   }
   Io::Buffer payload = worker_.buffers().take(data.size());
@@ -453,7 +453,7 @@ void Transmission::write(const Request& request, std::span<const std::byte> data
 
 void Transmission::flush(const Request& request) {
   if (storage().node().memoryBacked) {
-    reply(request, storage().failed() ? EIO : 0);
+    reply(request, storage().failed() ? Nbd::Error::io : Nbd::Error::none);
   } else {
     begin(0, flushSlowly(request));
   }
@@ -465,29 +465,23 @@ void Transmission::countSent(std::uint64_t bytes, std::uint64_t transferred) {
   sent_.bytesTransferred += transferred;
 }
 
-void Transmission::reply(const Request& request, int error) {
-  if (error != 0) {
-    replyError(request, wireError(error));
-  } else if (limits_.structuredReplies && request.type == Nbd::Command::read) {
-    Nbd::encodeNone(batch_.reserve(Nbd::chunkHeaderSize).first<Nbd::chunkHeaderSize>(), request.cookie);
-    batch_.commit(Nbd::chunkHeaderSize);
-  } else {
-    Nbd::encodeSimpleReply(batch_.reserve(Nbd::simpleReplySize).first<Nbd::simpleReplySize>(),
-                           request.cookie);
-    batch_.commit(Nbd::simpleReplySize);
-  }
+void Transmission::reply(const Request& request, Nbd::Error error) {
+  const std::span<std::byte> room = batch_.reserve(Nbd::maxErrorChunkSize);
+  batch_.commit(encodeReply(room.first<Nbd::maxErrorChunkSize>(), request, error));
 }
 
-void Transmission::replyError(const Request& request, Nbd::Error error) {
-  if (limits_.structuredReplies) {
-    const std::span<std::byte> room = batch_.reserve(Nbd::maxErrorChunkSize);
-    batch_.commit(
-        Nbd::encodeError(room.first<Nbd::maxErrorChunkSize>(), request.cookie, Nbd::ReplyFlag::done, error));
-  } else {
-    Nbd::encodeSimpleReply(batch_.reserve(Nbd::simpleReplySize).first<Nbd::simpleReplySize>(), request.cookie,
-                           error);
-    batch_.commit(Nbd::simpleReplySize);
+/// A whole reply without data. Returns its size.
+std::size_t Transmission::encodeReply(std::span<std::byte, Nbd::maxErrorChunkSize> bytes,
+                                      const Request& request, Nbd::Error error) const {
+  if (limits_.structuredReplies && error != Nbd::Error::none) {
+    return Nbd::encodeError(bytes, request.cookie, Nbd::ReplyFlag::done, error);
   }
+  if (limits_.structuredReplies && request.type == Nbd::Command::read) {
+    Nbd::encodeNone(bytes.first<Nbd::chunkHeaderSize>(), request.cookie);
+    return Nbd::chunkHeaderSize;
+  }
+  Nbd::encodeSimpleReply(bytes.first<Nbd::simpleReplySize>(), request.cookie, error);
+  return Nbd::simpleReplySize;
 }
 
 }  // namespace Nbdd

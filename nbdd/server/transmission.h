@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "nbd/constants.h"
+#include "nbd/reply.h"
 #include "nbd/request.h"
 #include "nbd/server_handshake.h"
 #include "nbdd/exports/publication.h"
@@ -86,10 +87,10 @@ class Transmission {
   Io::Task<int> syncIfAsked(Request request, int error);
 
   // Replies
-  void reply(const Request& request, int error);  // 0 or a positive errno; within a turn
-  void replyError(const Request& request, Nbd::Error error);
-  void postReply(const Request& request, int error);  // the same, from a coroutine
-  void postError(const Request& request, Nbd::Error error);
+  void reply(const Request& request, Nbd::Error error);  // within a turn
+  void postReply(const Request& request, int error);     // from a coroutine; 0 or a positive errno
+  std::size_t encodeReply(std::span<std::byte, Nbd::maxErrorChunkSize> bytes, const Request& request,
+                          Nbd::Error error) const;
   std::size_t readHeaderSize() const;
   void encodeReadHeader(std::span<std::byte> header, const Request& request, std::uint64_t offset,
                         std::uint32_t length, std::uint16_t flags) const;
