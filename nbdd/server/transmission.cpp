@@ -32,8 +32,8 @@ constexpr std::uint32_t collectedPayload = 64 * 1024;
 // Taken from a busy connection in one piece while the data of a large write arrive.
 constexpr std::size_t payloadPiece = std::size_t{1024} * 1024;
 
-/// Writes all of it. 0 or an errno.
-int writeAll(int file, std::span<const std::byte> data, std::uint64_t offset) {
+/// Writes all of it, here and now. 0 or an errno.
+int writeNow(int file, std::span<const std::byte> data, std::uint64_t offset) {
   while (!data.empty()) {
     const ssize_t written = ::pwrite(file, data.data(), data.size(), static_cast<off_t>(offset));
     if (written < 0 && errno != EINTR) {
@@ -439,7 +439,7 @@ void Transmission::write(const Request& request, std::span<const std::byte> data
   }
   if (!mustWait(request)) {
     // Memory is as stable as this storage gets, so FUA asks for nothing more.
-    const int error = storage().failed() ? EIO : writeAll(storage().descriptor(), data, request.offset);
+    const int error = storage().failed() ? EIO : writeNow(storage().descriptor(), data, request.offset);
     received_.transfers += 1;
     received_.bytes += data.size();
     received_.bytesTransferred += data.size();
