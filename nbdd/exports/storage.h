@@ -19,7 +19,7 @@ struct OpenNode {
   bool memoryBacked = false;            // tmpfs, ramfs: its bytes never wait for a device
   bool rotational = false;              // a hint
   std::uint64_t size = 0;               // bytes, exact
-  std::uint32_t logicalBlock = 1;       // bytes; offsets and lengths of I/O must be multiples of it
+  std::uint32_t logicalBlock = 1;       // bytes; what is discarded or allocated must be whole ones
   std::uint32_t preferredBlock = 4096;  // bytes, a power of two, at least 512
 };
 

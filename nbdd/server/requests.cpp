@@ -118,7 +118,8 @@ Io::Task<int> zeroRange(Io::FileIo& files, std::shared_ptr<Storage> storage, std
                                         whole.end - whole.begin);
       error = co_await punching;
     }
-    if (error == EOPNOTSUPP) {
+    // Without an offload the kernel zeroes a block device by writing, which is not fast.
+    if (error == EOPNOTSUPP && !(fast && storage->node().blockDevice)) {
       Io::Task<int> zeroing = allocate(files, file, FALLOC_FL_ZERO_RANGE | FALLOC_FL_KEEP_SIZE, whole.begin,
                                        whole.end - whole.begin);
       error = co_await zeroing;

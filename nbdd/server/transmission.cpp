@@ -253,7 +253,7 @@ void Transmission::carryOut(const Request& request) {
       begin(0, writeZeroesSlowly(request));
       break;
     case Nbd::Command::blockStatus:
-      begin(0, blockStatusSlowly(request));
+      begin(Nbd::blockStatusSize(Limits::extentsPerReply), blockStatusSlowly(request));
       break;
     case Nbd::Command::write:
       std::terminate();  // taken with its data, in executeOne
