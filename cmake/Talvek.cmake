@@ -30,9 +30,13 @@ function(talvek_tests name)
        ${CMAKE_SOURCE_DIR}/tests/${arg_DIRECTORY}/*.h)
   add_executable(${name} ${sources})
   target_link_libraries(${name} PRIVATE talvek_settings ${arg_LINK} GTest::gtest_main GTest::gmock)
-  if(CMAKE_BUILD_TYPE STREQUAL "Release")
-    # What is tested is optimised in full, in its own libraries; a test itself would only take twice as long to compile.
-    target_compile_options(${name} PRIVATE -O1)
+  if(NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
+    # What is tested is optimised (and instrumented) in its own libraries; a test itself would only take several times
+    # as long to compile.
+    target_compile_options(${name} PRIVATE -O0 -U_FORTIFY_SOURCE)
+    if(TALVEK_SANITIZE MATCHES "undefined")
+      target_compile_options(${name} PRIVATE -fno-sanitize=undefined)
+    endif()
   endif()
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300 LABELS "${arg_LABELS}")
 endfunction()
