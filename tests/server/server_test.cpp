@@ -7,6 +7,7 @@
 
 #include <future>
 #include <map>
+#include <ostream>
 #include <random>
 #include <string>
 #include <thread>
@@ -35,6 +36,10 @@ struct Setting {
   const char* directory;
   bool allowRing;
 };
+
+void PrintTo(const Setting& setting, std::ostream* stream) {
+  *stream << setting.directory << (setting.allowRing ? ", io_uring" : ", threads");
+}
 
 class ServerTest : public ::testing::TestWithParam<Setting> {
  protected:
