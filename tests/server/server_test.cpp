@@ -31,7 +31,6 @@ Buffer noise(std::size_t size, unsigned int seed) {
   return bytes;
 }
 
-/// A server on a thread of its own with one export, on a disk or in memory, with io_uring or without.
 struct Setting {
   const char* directory;
   bool allowRing;
@@ -41,6 +40,7 @@ void PrintTo(const Setting& setting, std::ostream* stream) {
   *stream << setting.directory << (setting.allowRing ? ", io_uring" : ", threads");
 }
 
+/// A server on a thread of its own with one export, on a disk or in memory, with io_uring or without.
 class ServerTest : public ::testing::TestWithParam<Setting> {
  protected:
   /// Runs `action` on the control loop's thread and returns what it returns.
