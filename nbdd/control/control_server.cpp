@@ -14,6 +14,7 @@
 #include "control/framing.h"
 #include "control/limits.h"
 #include "control/message.h"
+#include "nbdd/io/listening.h"
 #include "nbdd/io/signal.h"
 #include "nbdd/io/stream.h"
 
@@ -92,7 +93,7 @@ void ControlServer::onEvents(std::uint32_t /*events*/) {
       acceptOne(std::move(socket));
     } else if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
       // Level-triggered, the listener would be reported again at once.
-      if (!closeIdlest()) pauseAccepting();
+      if (Io::isConnectionWaiting(listener_.number()) && !closeIdlest()) pauseAccepting();
       return;
     } else if (errno != EINTR && errno != ECONNABORTED) {
       return;

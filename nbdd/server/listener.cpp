@@ -15,6 +15,7 @@
 #include <system_error>
 #include <utility>
 
+#include "nbdd/io/listening.h"
 #include "nbdd/limits.h"
 #include "nbdd/log/log.h"
 
@@ -257,6 +258,9 @@ bool Listener::acceptFrom(const Socket& socket) {
     if (!connection) {
       const int error = errno;
       if (error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM) {
+        if (!Io::isConnectionWaiting(socket.descriptor.number())) {
+          return true;
+        }
         log(LogLevel::warning, "accept-failed", "cannot accept connections for now: {}",
             std::generic_category().message(error));
         return false;
