@@ -74,7 +74,8 @@ inline constexpr std::size_t connections = 16 * 1024;
 /// Connections that wait to be accepted; the kernel cuts it down to its own limit.
 inline constexpr int listenBacklog = 4096;
 
-/// A handshake takes a few round trips. Whoever has not finished by then is disconnected.
+/// How long a client may take for one step of the handshake, from one answer to the next. Their number is
+/// bounded by the protocol code; a client that asks for each of thousands of exports is slow, not hostile.
 inline constexpr std::chrono::seconds handshakeTime{30};
 
 /// How long an ended session may take to send its last replies to a client that does not read, and one whose

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "nbdd/limits.h"
+#include "nbdd/log/log.h"
 #include "nbdd/server/worker.h"
 
 namespace Nbdd {
@@ -90,6 +91,9 @@ Io::Task<std::optional<Session::Agreement>> Session::negotiate() {
         co_return std::nullopt;
       }
     } else {
+      if (!output.empty()) {
+        deadline_.start(Limits::handshakeTime);  // an option is answered: the client gets on
+      }
       // Thousands of options may have arrived at once: other connections come in between.
       Io::EndOfTurn turn(worker_.loop());
       co_await turn;
@@ -155,6 +159,8 @@ Io::Task<void> Session::serve(Agreement agreement) {
   if (!attached) {
     co_return;
   }
+  log(LogLevel::info, "client-came", "export {}: client {} port {} uses it",
+      static_cast<std::uint32_t>(publication->id), peer_.address, peer_.port);
   transmission_ = std::make_unique<Transmission>(worker_, stream_, sender_, publication, agreement);
   if (!ending_) {
     Io::Task<void> transmitting = transmission_->run(std::move(received_));
@@ -162,6 +168,9 @@ Io::Task<void> Session::serve(Agreement agreement) {
   }
   // The requests have ended: from here on nothing of this client can reach the storage any more.
   worker_.table().detach(publication->id, id_);
+  log(LogLevel::info, "client-left", "export {}: client {} port {} {}",
+      static_cast<std::uint32_t>(publication->id), peer_.address, peer_.port,
+      ending_ ? "was disconnected" : "has left");
 }
 
 void Session::end() {
