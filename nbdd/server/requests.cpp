@@ -378,6 +378,7 @@ Io::Task<void> Transmission::blockStatusSlowly(Request request) {
 }
 
 void Transmission::postReply(const Request& request, int error) {
+  logFailure(request, error);
   std::array<std::byte, Nbd::maxErrorChunkSize> bytes;
   sender_.post(std::span(bytes).first(encodeReply(bytes, request, wireError(error))));
 }

@@ -7,12 +7,15 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <string_view>
+#include <system_error>
 #include <utility>
 
 #include "nbd/reply.h"
 #include "nbd/validation.h"
 #include "nbdd/exports/allocation.h"
 #include "nbdd/limits.h"
+#include "nbdd/log/log.h"
 #include "nbdd/server/read_shape.h"
 #include "nbdd/server/wire_error.h"
 #include "nbdd/server/worker.h"
@@ -47,6 +50,28 @@ int writeNow(int file, std::span<const std::byte> data, std::uint64_t offset) {
     offset += count;
   }
   return 0;
+}
+
+std::string_view commandName(Nbd::Command command) {
+  switch (command) {
+    case Nbd::Command::read:
+      return "READ";
+    case Nbd::Command::write:
+      return "WRITE";
+    case Nbd::Command::disconnect:
+      return "DISC";
+    case Nbd::Command::flush:
+      return "FLUSH";
+    case Nbd::Command::trim:
+      return "TRIM";
+    case Nbd::Command::cache:
+      return "CACHE";
+    case Nbd::Command::writeZeroes:
+      return "WRITE_ZEROES";
+    case Nbd::Command::blockStatus:
+      return "BLOCK_STATUS";
+  }
+  return "?";
 }
 
 }  // namespace
@@ -443,6 +468,7 @@ void Transmission::write(const Request& request, std::span<const std::byte> data
     received_.transfers += 1;
     received_.bytes += data.size();
     received_.bytesTransferred += data.size();
+    logFailure(request, error);
     reply(request, wireError(error));
     return;
   }
@@ -468,6 +494,15 @@ void Transmission::countSent(std::uint64_t bytes, std::uint64_t transferred) {
 void Transmission::reply(const Request& request, Nbd::Error error) {
   const std::span<std::byte> room = batch_.reserve(Nbd::maxErrorChunkSize);
   batch_.commit(encodeReply(room.first<Nbd::maxErrorChunkSize>(), request, error));
+}
+
+/// What the storage refused is of interest to the operator; a fast zeroing that would be slow is not.
+void Transmission::logFailure(const Request& request, int error) const {
+  if (error != 0 && error != ENOTSUP) {
+    log(LogLevel::warning, "io-error", "export {}: request {} for {} bytes at {} failed: {}",
+        static_cast<std::uint32_t>(publication_->id), commandName(request.type), request.length,
+        request.offset, std::generic_category().message(error));
+  }
 }
 
 /// A whole reply without data. Returns its size.

@@ -88,7 +88,8 @@ class Transmission {
 
   // Replies
   void reply(const Request& request, Nbd::Error error);  // within a turn
-  void postReply(const Request& request, int error);     // from a coroutine; 0 or a positive errno
+  void logFailure(const Request& request, int error) const;
+  void postReply(const Request& request, int error);  // from a coroutine; 0 or a positive errno
   std::size_t encodeReply(std::span<std::byte, Nbd::maxErrorChunkSize> bytes, const Request& request,
                           Nbd::Error error) const;
   std::size_t readHeaderSize() const;
