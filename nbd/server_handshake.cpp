@@ -107,13 +107,14 @@ void ServerHandshake::greet(Output& output) const {
 
 ServerHandshake::Progress ServerHandshake::advance(Bytes input, Output& output) {
   Bytes rest = input;
+  granted_ = false;
   if (stage_ == Stage::listing) {
     continueListing(output);
   } else {
     while (state_ == State::negotiating && runStage(rest, output)) {
     }
   }
-  return {.consumed = input.size() - rest.size(), .state = state_};
+  return {.consumed = input.size() - rest.size(), .state = state_, .granted = granted_};
 }
 
 // --- Collecting bytes
@@ -432,7 +433,10 @@ void ServerHandshake::startReply(Output& output, ReplyType type, std::size_t len
   appendBig(output, static_cast<std::uint32_t>(length));
 }
 
-void ServerHandshake::acknowledge(Output& output) const { startReply(output, ReplyType::ack, 0); }
+void ServerHandshake::acknowledge(Output& output) {
+  granted_ = true;
+  startReply(output, ReplyType::ack, 0);
+}
 
 void ServerHandshake::refuse(Output& output, ReplyType type, std::string_view message) const {
   startReply(output, type, message.size());

@@ -55,6 +55,7 @@ class ServerHandshake {
   struct Progress {
     std::size_t consumed = 0;
     State state = State::negotiating;
+    bool granted = false;  // an option was acknowledged in this call, so the client gets on
   };
 
   /// What both sides agreed on; complete in State::transmission.
@@ -117,7 +118,7 @@ class ServerHandshake {
   void enterTransmission(ExportView view, std::string_view requestedName);
   void continueListing(Output& output);
   void startReply(Output& output, ReplyType type, std::size_t length) const;
-  void acknowledge(Output& output) const;
+  void acknowledge(Output& output);
   void refuse(Output& output, ReplyType type, std::string_view message) const;
   [[nodiscard]] std::uint16_t toldFlags(const ExportView& view) const;
 
@@ -136,6 +137,7 @@ class ServerHandshake {
   bool allocationSelected_ = false;
   std::shared_ptr<const std::vector<ListedExport>> listing_;
   std::size_t listed_ = 0;
+  bool granted_ = false;  // since advance() was called
 };
 
 }  // namespace Nbd

@@ -51,6 +51,12 @@ inline constexpr std::chrono::seconds idleTime{30};
 inline constexpr std::chrono::milliseconds lockPatience{200};
 inline constexpr std::chrono::milliseconds lockRetry{10};
 
+/// Waits before a control socket that has gone from the file system is made anew, doubling while it cannot
+/// be. The first leaves whoever takes its directory away the time to finish; the longest is how long an
+/// operator may find nobody after his runtime directory has come back.
+inline constexpr std::chrono::milliseconds controlRetryFirst{100};
+inline constexpr std::chrono::milliseconds controlRetryLongest{2'000};
+
 /// How long a starting service waits in all for nodes that a killed predecessor still holds. Whoever starts
 /// it on demand waits a second.
 inline constexpr std::chrono::milliseconds restorePatience{500};
@@ -74,8 +80,9 @@ inline constexpr std::size_t connections = 16 * 1024;
 /// Connections that wait to be accepted; the kernel cuts it down to its own limit.
 inline constexpr int listenBacklog = 4096;
 
-/// How long a client may take for one step of the handshake, from one answer to the next. Their number is
-/// bounded by the protocol code; a client that asks for each of thousands of exports is slow, not hostile.
+/// How long a client may take from its connection, or from the last option that it was granted, to the next.
+/// A client that asks for each of hundreds of exports is slow, not hostile; one that asks for nonsense gains
+/// no time.
 inline constexpr std::chrono::seconds handshakeTime{30};
 
 /// How long an ended session may take to send its last replies to a client that does not read, and one whose

@@ -91,8 +91,8 @@ Io::Task<std::optional<Session::Agreement>> Session::negotiate() {
         co_return std::nullopt;
       }
     } else {
-      if (!output.empty()) {
-        deadline_.start(Limits::handshakeTime);  // an option is answered: the client gets on
+      if (progress.granted) {
+        deadline_.start(Limits::handshakeTime);
       }
       // Thousands of options may have arrived at once: other connections come in between.
       Io::EndOfTurn turn(worker_.loop());

@@ -334,6 +334,24 @@ TEST(ServerGreeting, AClientWithoutFixedNewstyleIsServed) {
 // --- What the answers hold
 // ---------------------------------------------------------------------------------------
 
+// By this the caller tells a client that gets on from one that plays for time.
+TEST(ServerGreeting, OnlyAcknowledgedOptionsCountAsGranted) {
+  const Wire::Directory directory = twoExports();
+  ServerHandshake handshake(directory, {});
+  Buffer output;
+  const auto grants = [&](const Buffer& input) {
+    const ServerHandshake::Progress progress = handshake.advance(input, output);
+    EXPECT_EQ(progress.consumed, input.size());
+    return progress.granted;
+  };
+  EXPECT_FALSE(grants(Wire::clientFlags()));
+  EXPECT_FALSE(grants(option(unheardOf)));
+  EXPECT_FALSE(grants(option(Option::info, infoData("nowhere", {}))));
+  EXPECT_TRUE(grants(option(Option::info, infoData("disk", {}))));
+  EXPECT_FALSE(grants(number(Nbd::optionMagic)));
+  EXPECT_TRUE(grants(join({number(Option::structuredReply), number(std::uint32_t{0})})));
+}
+
 TEST(ServerExportName, IsPaddedUnlessBothAgreedOtherwise) {
   const Buffer plain = join({number(disk.size), number(offeredWithoutDf)});
   const Buffer padded = join({plain, Buffer(124)});
