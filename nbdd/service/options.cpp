@@ -19,7 +19,7 @@ std::variant<Options, ExitCode> parseOptions(int count, const char* const* words
       "Local NBD service: publishes files and block devices as NBD exports. Driven by nbdctl, or by any "
       "Varlink client.",
       "nbdd");
-  app.set_version_flag("--version", std::string("nbdd ") + talvekVersion, "Print the version and exit");
+  app.set_version_flag("--version,-V", std::string("nbdd ") + talvekVersion, "Print the version and exit");
   app.set_help_flag("--help,-h", "Print this help and exit");
   app.add_option("--config", configuration, "Read this configuration file")->type_name("FILE");
   app.add_flag("--check-config", options.checkConfiguration,
