@@ -174,7 +174,7 @@ std::expected<Configuration, std::string> parseConfiguration(std::string_view te
   if (!parsed) {
     const toml::parse_error& error = parsed.error();
     return failAt(file, error.source(),
-                  fmt::format("this is not TOML ({}): correct it", escaped(error.description())));
+                  fmt::format("this is not TOML ({}): correct it", printable(error.description())));
   }
   Configuration configuration;
   for (const auto& [key, node] : parsed.table()) {

@@ -191,6 +191,8 @@ void Log::emit(LogLevel level, std::string_view message) {
 
 std::string escaped(std::string_view text) { return cleaned(text, true); }
 
+std::string printable(std::string_view text) { return cleaned(text, false); }
+
 bool isJournalStream(int number, std::string_view journalStream) {
   struct stat status{};
   if (::fstat(number, &status) != 0) return false;

@@ -62,6 +62,9 @@ class Log {
 /// terminal, and unambiguous.
 std::string escaped(std::string_view text);
 
+/// The same with backslashes as they are: for text in which its author has escaped what needs it.
+std::string printable(std::string_view text);
+
 /// The service's log: standard error, in the journal's form when that is where standard error leads.
 Log& serviceLog();
 

@@ -42,6 +42,11 @@ TEST(Configuration, EverySettingIsRead) {
   EXPECT_EQ(configuration->port, 0);
 }
 
+TEST(Configuration, WhatIsNotTomlIsToldWithoutDoubledBackslashes) {
+  const std::string error = errorOf("x\n");
+  EXPECT_NE(error.find("saw '\\n'"), std::string::npos) << error;
+}
+
 TEST(Configuration, MistakesAreToldWithTheirPlace) {
   expectErrorAt("1:2", "[sever]\n");
   expectErrorAt("1:1", "port = 1\n");

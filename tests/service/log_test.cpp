@@ -99,6 +99,7 @@ TEST(LogText, EscapingIsUnambiguous) {
   EXPECT_EQ(escaped("plain ü"), "plain ü");
   EXPECT_EQ(escaped("a\\x0a"), "a\\\\x0a");
   EXPECT_EQ(escaped("a\n"), "a\\x0a");
+  EXPECT_EQ(printable("a\\n\n"), "a\\n\\x0a");
   EXPECT_EQ(escaped(std::string_view("\0", 1)), "\\x00");
   EXPECT_EQ(escaped("\xed\xa0\x80"), "\\xed\\xa0\\x80");
 }
