@@ -111,4 +111,8 @@ std::expected<void, std::string> prepareDirectory(const std::filesystem::path& d
   return {};
 }
 
+std::expected<void, std::string> prepareRuntimeDirectory(const Locations& locations) {
+  return prepareDirectory(locations.runtimeDirectory, locations.system ? 0755 : 0700);
+}
+
 }  // namespace Nbdd

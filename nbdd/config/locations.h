@@ -21,6 +21,9 @@ struct Locations {
   bool system = false;
 
   std::filesystem::path controlSocket() const { return runtimeDirectory / "org.talvek.NBD"; }
+  /// The files by which a service keeps others out of its directories.
+  std::filesystem::path runtimeLock() const { return runtimeDirectory / "nbdd.lock"; }
+  std::filesystem::path stateLock() const { return stateDirectory / "nbdd.lock"; }
 };
 
 /// A variable of the environment; nothing when it is not set or empty.
@@ -44,5 +47,8 @@ std::optional<std::string> homeDirectory();
 /// may be entered by everybody, since its socket has a mode of its own; every other directory is ours alone.
 /// A failure is a sentence that says what to do.
 std::expected<void, std::string> prepareDirectory(const std::filesystem::path& directory, mode_t mode);
+
+/// The same for the directory of the control socket.
+std::expected<void, std::string> prepareRuntimeDirectory(const Locations& locations);
 
 }  // namespace Nbdd

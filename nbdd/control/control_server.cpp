@@ -73,17 +73,22 @@ ControlServer::ControlServer(Io::EventLoop& loop, Control::Service& service, Con
                              Io::FileDescriptor listener, ControlAccess access)
     : loop_(loop),
       dispatcher_(service, std::move(identity)),
-      listener_(std::move(listener)),
       access_(access),
       resumeAccepting_(loop, [this] { accepting_ = loop_.watch(listener_.number(), EPOLLIN, *this) == 0; }) {
-  const int flags = ::fcntl(listener_.number(), F_GETFL);
-  ::fcntl(listener_.number(), F_SETFL, flags | O_NONBLOCK);
-  resumeAccepting_.start(Io::Clock::duration::zero());
+  listenOn(std::move(listener));
 }
 
 ControlServer::~ControlServer() {
   if (scope_.running() != 0) std::terminate();
   if (accepting_) loop_.unwatch(listener_.number(), *this);
+}
+
+void ControlServer::listenOn(Io::FileDescriptor listener) {
+  if (std::exchange(accepting_, false)) loop_.unwatch(listener_.number(), *this);
+  listener_ = std::move(listener);
+  const int flags = ::fcntl(listener_.number(), F_GETFL);
+  ::fcntl(listener_.number(), F_SETFL, flags | O_NONBLOCK);
+  resumeAccepting_.start(Io::Clock::duration::zero());
 }
 
 void ControlServer::onEvents(std::uint32_t /*events*/) {

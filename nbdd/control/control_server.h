@@ -33,6 +33,10 @@ class ControlServer final : public Io::EventHandler {
   /// `stop` must have been awaited.
   ~ControlServer() override;
 
+  /// Takes connections from this socket from now on, and no more from the one before. Those that are open
+  /// stay.
+  void listenOn(Io::FileDescriptor listener);
+
   /// How many connections are open.
   std::size_t connections() const { return connections_.size(); }
 

@@ -13,7 +13,6 @@
 #include <system_error>
 #include <utility>
 
-#include "nbdd/control/listening_socket.h"
 #include "nbdd/limits.h"
 #include "nbdd/log/log.h"
 #include "talvek_version.h"
@@ -95,9 +94,10 @@ StartUp<Io::FileDescriptor> Application::listenForControl() {
   auto inherited = Supervisor::inheritedControlSocket();
   if (!inherited) return std::unexpected(StartUpFailure{std::move(inherited.error())});
   if (*inherited) return std::move(*inherited);
-  auto listener = listenOnControlSocket(locations_.controlSocket(), controlGroup(locations_));
+  place_.emplace(loop_, locations_, locks_->runtime,
+                 [this](Io::FileDescriptor anew) { control_->listenOn(std::move(anew)); });
+  auto listener = place_->listen();
   if (!listener) return std::unexpected(StartUpFailure{std::move(listener.error())});
-  ownsControlSocket_ = true;
   return std::move(*listener);
 }
 
@@ -110,7 +110,7 @@ ExitCode Application::run() {
     checkIdle();
   }
   loop_.run();
-  if (ownsControlSocket_) ::unlink(locations_.controlSocket().c_str());
+  if (place_) place_->leave();
   serviceLog().reportOmitted(true);
   if (!complete_) {
     // Sessions are still running, and nobody wants to wait for them: there is nothing left to tidy up that
@@ -169,7 +169,7 @@ void Application::beginEnd(const char* why) {
   idle_.cancel();
   deadline_.start(Limits::shutdownTime);
   // From here on others cannot find us any more; whoever comes now waits for the directories to be free.
-  if (std::exchange(ownsControlSocket_, false)) ::unlink(locations_.controlSocket().c_str());
+  if (place_) place_->leave();
   running_ = 2;
   scope_.spawn(endControl());
   service_->close([this] { ended(); });

@@ -9,6 +9,7 @@
 #include "nbdd/control/control_server.h"
 #include "nbdd/io/event_loop.h"
 #include "nbdd/io/scope.h"
+#include "nbdd/service/control_place.h"
 #include "nbdd/service/local_service.h"
 #include "nbdd/service/options.h"
 #include "nbdd/service/signals.h"
@@ -59,7 +60,7 @@ class Application {
   Supervisor supervisor_;
   std::unique_ptr<LocalService> service_;
   std::unique_ptr<ControlServer> control_;
-  bool ownsControlSocket_ = false;
+  std::optional<ControlPlace> place_;  // none if the service manager keeps the control socket
 
   // The end: what has not ended yet.
   bool ending_ = false;

@@ -39,10 +39,15 @@ bool somebodyListens(const std::string& path) {
   return result == 0 || errno == EAGAIN;
 }
 
+std::string anotherUses(const std::filesystem::path& lockFile) {
+  const auto holder = InstanceLock::holderOf(lockFile);
+  return fmt::format("another nbdd{} uses {}: use that one, or end it first",
+                     holder ? fmt::format(" (process {})", *holder) : "", lockFile.parent_path().native());
+}
+
 /// A lock that another service holds is either its for good, or about to be let go by one that is ending:
 /// that one no longer listens.
-StartUp<InstanceLock> claim(const std::filesystem::path& directory, const std::string& controlSocket) {
-  const std::filesystem::path file = directory / "nbdd.lock";
+StartUp<InstanceLock> claim(const std::filesystem::path& file, const std::string& controlSocket) {
   for (auto waited = std::chrono::milliseconds(0);; waited += Limits::lockRetry) {
     auto lock = InstanceLock::take(file);
     if (lock) return std::move(*lock);
@@ -51,8 +56,7 @@ StartUp<InstanceLock> claim(const std::filesystem::path& directory, const std::s
                               std::generic_category().message(lock.error())));
     }
     if (somebodyListens(controlSocket) || waited >= Limits::lockPatience) {
-      return fail(fmt::format("another nbdd uses {}: use that one, or end it first", directory.native()),
-                  ExitCode::anotherRuns);
+      return fail(anotherUses(file), ExitCode::anotherRuns);
     }
     std::this_thread::sleep_for(Limits::lockRetry);
   }
@@ -61,20 +65,17 @@ StartUp<InstanceLock> claim(const std::filesystem::path& directory, const std::s
 }  // namespace
 
 StartUp<InstanceLocks> claimDirectories(const Locations& locations) {
-  const mode_t runtimeMode = locations.system ? 0755 : 0700;
-  if (auto made = prepareDirectory(locations.runtimeDirectory, runtimeMode); !made) {
-    return fail(std::move(made.error()));
-  }
+  if (auto made = prepareRuntimeDirectory(locations); !made) return fail(std::move(made.error()));
   if (auto made = prepareDirectory(locations.stateDirectory, 0700); !made)
     return fail(std::move(made.error()));
-  auto runtime = claim(locations.runtimeDirectory, locations.controlSocket());
+  auto runtime = claim(locations.runtimeLock(), locations.controlSocket());
   if (!runtime) return std::unexpected(std::move(runtime.error()));
   if (locations.runtimeDirectory == locations.stateDirectory) {
     return fail(
         fmt::format("{} cannot hold both the control socket and the state: set NBDD_STATE_DIR to another one",
                     locations.stateDirectory.native()));
   }
-  auto state = claim(locations.stateDirectory, locations.controlSocket());
+  auto state = claim(locations.stateLock(), locations.controlSocket());
   if (!state) return std::unexpected(std::move(state.error()));
   return InstanceLocks{std::move(*runtime), std::move(*state)};
 }

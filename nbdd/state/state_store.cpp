@@ -3,9 +3,11 @@
 #include <fcntl.h>
 #include <fmt/core.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <system_error>
 #include <utility>
@@ -95,7 +97,28 @@ int StateStore::replace(std::string_view text, bool& renamed) const {
 std::expected<InstanceLock, int> InstanceLock::take(const std::filesystem::path& file) {
   Io::FileDescriptor descriptor(::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
   if (!descriptor || ::flock(descriptor.number(), LOCK_EX | LOCK_NB) != 0) return std::unexpected(errno);
+  // Where there is no room even for this, an empty file is better than the number of a predecessor.
+  static_cast<void>(::ftruncate(descriptor.number(), 0) == 0 &&
+                    writeAll(descriptor.number(), fmt::format("{}\n", ::getpid())) == 0);
   return InstanceLock(std::move(descriptor));
+}
+
+std::optional<pid_t> InstanceLock::holderOf(const std::filesystem::path& file) {
+  constexpr std::size_t longestNumber = 32;
+  const auto text = readFile(file, longestNumber);
+  if (!text) return {};
+  pid_t process = 0;
+  const char* const end = text->data() + text->size();
+  const auto [rest, error] = std::from_chars(text->data(), end, process);
+  if (error != std::errc{} || process <= 0 || std::string_view(rest, end) != "\n") return {};
+  return process;
+}
+
+bool InstanceLock::isAt(const std::filesystem::path& file) const {
+  struct stat locked{};
+  struct stat named{};
+  return ::fstat(descriptor_.number(), &locked) == 0 && ::lstat(file.c_str(), &named) == 0 &&
+         locked.st_dev == named.st_dev && locked.st_ino == named.st_ino;
 }
 
 }  // namespace Nbdd

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <expected>
 #include <filesystem>
 #include <optional>
@@ -40,11 +42,18 @@ class StateStore {
   std::string lastText_;  ///< what was last saved for sure
 };
 
-/// Holds a lock file for as long as it lives. The kernel frees it however the process ends.
+/// Holds a lock file for as long as it lives. The kernel frees it however the process ends. The file names
+/// its holder for people who look for it.
 class InstanceLock {
  public:
   /// Fails with an errno; EWOULDBLOCK: another instance holds it.
   static std::expected<InstanceLock, int> take(const std::filesystem::path& file);
+
+  /// The process that wrote itself into `file` when it took the lock; nothing if that cannot be learnt.
+  static std::optional<pid_t> holderOf(const std::filesystem::path& file);
+
+  /// Whether `file` is the file that is locked, and not another one that has taken its name since.
+  bool isAt(const std::filesystem::path& file) const;
 
  private:
   explicit InstanceLock(Io::FileDescriptor descriptor) : descriptor_(std::move(descriptor)) {}

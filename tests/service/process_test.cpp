@@ -57,6 +57,12 @@ bool isOneSentence(const std::string& text) {
   return text.starts_with("nbdd: ") && text.ends_with("\n") && text.find('\n') == text.size() - 1;
 }
 
+std::size_t countOf(std::string_view words, std::string_view text) {
+  std::size_t count = 0;
+  for (auto at = text.find(words); at != std::string_view::npos; at = text.find(words, at + 1)) ++count;
+  return count;
+}
+
 /// A listening TCP socket that keeps a port of 127.0.0.1 from everybody else.
 class TakenPort {
  public:
@@ -94,10 +100,12 @@ TEST(Process, HelpAndVersionAreAnswered) {
        {"--help", "--version", "--config", "--check-config", "--on-demand", "--ready-fd"}) {
     EXPECT_NE(help.output().find(option), std::string::npos) << option;
   }
-  ServiceProcess version;
-  version.addArgument("--version");
-  EXPECT_EQ(version.runToEnd().exitCode, 0);
-  EXPECT_EQ(version.output(), std::string("nbdd ") + talvekVersion + "\n");
+  for (const char* const option : {"--version", "-V"}) {
+    ServiceProcess version;
+    version.addArgument(option);
+    EXPECT_EQ(version.runToEnd().exitCode, 0) << option;
+    EXPECT_EQ(version.output(), std::string("nbdd ") + talvekVersion + "\n") << option;
+  }
 }
 
 TEST(Process, WrongWordsAreUsageErrors) {
@@ -185,6 +193,8 @@ TEST(Process, ASecondServiceIsTurnedAway) {
   second.setVariable("NBDD_RUNTIME_DIR", first.directory() / "runtime");
   EXPECT_EQ(second.runToEnd().exitCode, 3);
   EXPECT_TRUE(isOneSentence(second.log())) << second.log();
+  EXPECT_NE(second.log().find("(process " + std::to_string(first.process()) + ")"), std::string::npos)
+      << second.log();
   ServiceProcess third;
   third.setVariable("NBDD_STATE_DIR", first.directory() / "state");
   EXPECT_EQ(third.runToEnd().exitCode, 3);
@@ -299,6 +309,51 @@ TEST(Process, AChangeThatCannotBeSavedIsRefused) {
   std::filesystem::remove(blocker);
   EXPECT_TRUE(client.call(Methods::exportAdd, descriptor).has_value());
   EXPECT_TRUE(client.call(Methods::serverStart).has_value());
+}
+
+TEST(Process, ALostControlSocketIsMadeAnew) {
+  const std::map<std::string, std::function<void(const std::filesystem::path&)>> losses{
+      {"socket", [](const auto& runtime) { std::filesystem::remove(runtime / "org.talvek.NBD"); }},
+      {"lock", [](const auto& runtime) { std::filesystem::remove(runtime / "nbdd.lock"); }},
+      {"directory", [](const auto& runtime) { std::filesystem::remove_all(runtime); }},
+      {"parents", [](const auto& runtime) { std::filesystem::remove_all(runtime.parent_path()); }},
+      {"moved", [](const auto& runtime) { std::filesystem::rename(runtime, runtime.native() + ".old"); }},
+  };
+  for (const auto& [name, lose] : losses) {
+    ServiceProcess service;
+    const std::filesystem::path runtime = service.directory() / "parent" / "runtime";
+    service.setVariable("NBDD_RUNTIME_DIR", runtime);
+    service.start();
+    Control::Client before = service.connect();
+    // A second time too: the new place is watched as the first one was.
+    for (std::size_t times = 1; times <= 2; ++times) {
+      lose(runtime);
+      std::filesystem::remove_all(runtime.native() + ".old");
+      EXPECT_TRUE(awaits([&] { return countOf("has been made anew", service.log()) == times; }))
+          << name << ": " << service.log();
+      EXPECT_TRUE(service.connect().call(Methods::exportList).has_value()) << name;
+      EXPECT_TRUE(before.call(Methods::exportList).has_value()) << name << ": open connections stay";
+      ServiceProcess second;
+      second.setVariable("NBDD_RUNTIME_DIR", runtime);
+      EXPECT_EQ(second.runToEnd().exitCode, 3) << name << ": the lock is gone";
+    }
+    EXPECT_EQ(service.stop().exitCode, 0);
+    EXPECT_FALSE(std::filesystem::exists(service.controlSocket())) << name;
+  }
+}
+
+TEST(Process, AControlSocketThatCannotBeMadeAnewIsTriedAgain) {
+  ServiceProcess service;
+  const std::filesystem::path runtime = service.controlSocket().parent_path();
+  service.start();
+  std::filesystem::rename(runtime, runtime.native() + ".old");
+  service.files().write("runtime", "in the way");
+  EXPECT_TRUE(awaits([&] { return service.log().find("cannot be made anew yet") != std::string::npos; }))
+      << service.log();
+  std::filesystem::remove(runtime);
+  EXPECT_TRUE(awaits([&] { return std::filesystem::exists(service.controlSocket()); })) << service.log();
+  EXPECT_TRUE(service.connect().call(Methods::exportList).has_value());
+  EXPECT_EQ(countOf("cannot be made anew yet", service.log()), 1U);
 }
 
 TEST(Process, TheConfigurationIsReadAgain) {
