@@ -22,7 +22,7 @@ namespace Nbd {
 ///     handshake.greet(output);
 ///     for (;;) {
 ///       send all of output, empty it;
-///       auto [consumed, state] = handshake.advance(input, output);
+///       auto [consumed, state, granted] = handshake.advance(input, output);
 ///       drop `consumed` bytes from the front of input;
 ///       if (state == failed) close;
 ///       if (state != negotiating) send output; closing: close; transmission: serve requests, input first;

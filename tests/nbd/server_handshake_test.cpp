@@ -600,7 +600,7 @@ TEST(ServerBounds, OneCallAnswersOneOption) {
   const Buffer one = option(unheardOf);
   const Buffer input = join({Wire::clientFlags(), one, one, one});
   Buffer output;
-  const auto [consumed, state] = handshake.advance(input, output);
+  const auto [consumed, state, granted] = handshake.advance(input, output);
   EXPECT_EQ(consumed, 4 + one.size());
   EXPECT_EQ(Wire::parseReplies(output)->size(), 1U);
 }

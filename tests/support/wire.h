@@ -148,16 +148,16 @@ Outcome<Handshake> converse(Handshake& handshake, Nbd::Bytes input, NextPiece ne
   for (;;) {
     Buffer output;
     const Nbd::Bytes unread = input.subspan(outcome.consumed, received - outcome.consumed);
-    const auto [consumed, state] = handshake.advance(unread, output);
-    if (consumed > unread.size()) {
+    const auto progress = handshake.advance(unread, output);
+    if (progress.consumed > unread.size()) {
       outcome.keptContract = false;
       return outcome;
     }
-    outcome.consumed += consumed;
-    outcome.state = state;
+    outcome.consumed += progress.consumed;
+    outcome.state = progress.state;
     outcome.largestStep = std::max(outcome.largestStep, output.size());
     outcome.output.insert(outcome.output.end(), output.begin(), output.end());
-    if (state != Handshake::State::negotiating) return outcome;
+    if (progress.state != Handshake::State::negotiating) return outcome;
     if (consumed != 0 || !output.empty()) continue;
     if (received == input.size()) return outcome;
     received += std::clamp<std::size_t>(nextPiece(), 1, input.size() - received);
