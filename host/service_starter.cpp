@@ -16,12 +16,17 @@
 // loser's parent then waits until the winner's socket appears. It is moved into place when it is already
 // listening, so one event of the directory is enough, and the directory is watched before the first look at
 // it.
+//
+// What nbdd says until it is ready goes into a file in memory, and from there to the operator, for whom it is
+// meant when nbdd could not start. The loser of a race says that another nbdd runs, which is no news for
+// somebody who then uses that one: he is told, and told once, when nothing came of it.
 
 #include <fcntl.h>
 #include <fmt/core.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/inotify.h>
+#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -99,9 +104,9 @@ struct CommandLine {
   }
 };
 
-// Standard input and output are not for a process that outlives us. Standard error still is the operator's,
-// until the service itself turns elsewhere.
-[[noreturn]] void becomeService(const CommandLine& commandLine, int ready) {
+// Standard input and output are not for a process that outlives us. Standard error leads to us, until the
+// service itself turns elsewhere; straight to the operator if there is no memory to take it.
+[[noreturn]] void becomeService(const CommandLine& commandLine, int ready, int said) {
   ::setsid();
   sigset_t none;
   sigemptyset(&none);
@@ -112,6 +117,7 @@ struct CommandLine {
   if (null < 0) ::_exit(cannotRunStatus);
   ::dup2(null, STDIN_FILENO);
   ::dup2(null, STDOUT_FILENO);
+  if (said >= 0) ::dup2(said, STDERR_FILENO);
   ::syscall(SYS_close_range, STDERR_FILENO + 1, ~0U, 1U << 2U /* CLOSE_RANGE_CLOEXEC */);
   ::fcntl(ready, F_SETFD, 0);
   ::execv(commandLine.program.c_str(), commandLine.arguments.data());
@@ -119,11 +125,11 @@ struct CommandLine {
 }
 
 // Ends when nbdd has ended, with its status, or when `release` is closed.
-[[noreturn]] void guard(const CommandLine& commandLine, int ready, int release) {
+[[noreturn]] void guard(const CommandLine& commandLine, int ready, int release, int said) {
   ::signal(SIGINT, SIG_IGN);  // the operator's Ctrl-C is for nbdctl, whose end releases the guardian
   const pid_t service = ::fork();
   if (service < 0) ::_exit(cannotRunStatus);
-  if (service == 0) becomeService(commandLine, ready);
+  if (service == 0) becomeService(commandLine, ready, said);
   ::close(ready);
   const auto ended = static_cast<int>(::syscall(SYS_pidfd_open, service, 0));
   std::array<pollfd, 2> entries{pollfd{.fd = ended, .events = POLLIN, .revents = 0},
@@ -145,9 +151,31 @@ std::optional<int> awaitGuardian(pid_t guardian, Clock::time_point deadline) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
+/// What nbdd says until it is ready.
+class Said {
+ public:
+  Said() : file_(::memfd_create("nbdd", MFD_CLOEXEC)) {}
+
+  int number() const { return file_.number(); }
+
+  /// Passes it on to the operator, once.
+  void tell() {
+    std::array<char, 4096> piece{};
+    ssize_t count = 0;
+    while ((count = ::pread(file_.number(), piece.data(), piece.size(), told_)) > 0) {
+      told_ += count;
+      if (::write(STDERR_FILENO, piece.data(), static_cast<std::size_t>(count)) != count) return;
+    }
+  }
+
+ private:
+  Descriptor file_;
+  off_t told_ = 0;
+};
+
 enum class Started { ready, anotherRuns };
 
-Result<Started> start(const std::string& program, Clock::time_point deadline) {
+Result<Started> start(const std::string& program, Clock::time_point deadline, const Said& said) {
   auto ready = Pipe::make();
   auto release = Pipe::make();
   if (!ready || !release) {
@@ -161,7 +189,7 @@ Result<Started> start(const std::string& program, Clock::time_point deadline) {
   }
   if (guardian == 0) {
     release->writeEnd.reset();
-    guard(commandLine, ready->writeEnd.number(), release->readEnd.number());
+    guard(commandLine, ready->writeEnd.number(), release->readEnd.number(), said.number());
   }
   ready->writeEnd.reset();
   release->readEnd.reset();
@@ -209,12 +237,20 @@ Result<Control::Client> connectToService(const ServiceLocation& location, Clock:
   const auto program = std::ranges::find_if(
       location.programs, [](const std::string& candidate) { return ::access(candidate.c_str(), X_OK) == 0; });
   if (program == location.programs.end()) return client;
+  std::optional<Said> ofAnother;
   while (nothingListens(client)) {
-    const auto started = start(*program, deadline);
-    if (!started) return std::unexpected(started.error());
-    const bool race = *started == Started::anotherRuns;
+    Said said;
+    const auto started = start(*program, deadline, said);
+    const bool race = started == Started::anotherRuns;
+    if (!race) said.tell();
+    if (!started) {
+      if (ofAnother) ofAnother->tell();
+      return std::unexpected(started.error());
+    }
+    if (race) ofAnother = std::move(said);
     client = awaitSocket(location.socket, race ? std::min(deadline, Clock::now() + patience) : deadline);
     if (nothingListens(client) && Clock::now() >= deadline) {
+      if (ofAnother) ofAnother->tell();
       return std::unexpected(
           Failure{FailureCode::timeout, "another nbdd holds " + location.socket + " and does not serve"});
     }

@@ -89,6 +89,7 @@ TEST_F(ServiceStarterTest, LeavesNoChildrenBehind) {
 TEST_F(ServiceStarterTest, TwoWhoStartAtOnceGetTheSameService) {
   behave("serve");
   std::vector<pid_t> starters;
+  ::testing::internal::CaptureStderr();
   for (int count = 0; count < 8; ++count) {
     const pid_t starter = ::fork();
     if (starter == 0) {
@@ -102,6 +103,7 @@ TEST_F(ServiceStarterTest, TwoWhoStartAtOnceGetTheSameService) {
     ASSERT_EQ(::waitpid(starter, &status, 0), starter);
     EXPECT_EQ(status, 0);
   }
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "") << "a race that was lost is no news";
   EXPECT_EQ(started().size(), 1U);
 }
 
@@ -131,7 +133,9 @@ TEST_F(ServiceStarterTest, WaitsNoLongerThanItMay) {
 
 TEST_F(ServiceStarterTest, ALockThatNobodyServesBehindIsWaitedForAsLongAsItMay) {
   behave("locked");
+  ::testing::internal::CaptureStderr();
   EXPECT_EQ(codeWithin(600ms), FailureCode::timeout);
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "fake nbdd: another one runs\n") << "told once";
 }
 
 TEST_F(ServiceStarterTest, WithoutAProgramItIsUnavailable) {

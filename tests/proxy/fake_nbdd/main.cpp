@@ -4,7 +4,7 @@
 //            one that finds the directory locked ends with status 3
 //   fail     says a sentence and ends
 //   hang     never becomes ready
-//   locked   ends with status 3 although nobody serves
+//   locked   says so and ends with status 3 although nobody serves
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -32,7 +32,10 @@ Nbdd::Io::Task<void> stop(Nbdd::Io::EventLoop& loop, Nbdd::ControlServer& server
 
 int serve(const std::string& directory, int ready) {
   const int lock = ::open((directory + "/lock").c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600);
-  if (::flock(lock, LOCK_EX | LOCK_NB) != 0) return 3;
+  if (::flock(lock, LOCK_EX | LOCK_NB) != 0) {
+    std::fputs("fake nbdd: another one runs\n", stderr);
+    return 3;
+  }
   std::ofstream(directory + "/started", std::ios::app)
       << ::getpid() << ' ' << ::getppid() << ' ' << ::getsid(0) << '\n';
   auto listener = Nbdd::listenOnControlSocket(directory + "/org.talvek.NBD", {});
@@ -62,7 +65,10 @@ int main(int count, char** words) {
   ::alarm(60);  // whatever happens to the test, this does not stay
   if (mode == "serve") return serve(directory, std::atoi(arguments[3]));
   if (mode == "hang") ::pause();
-  if (mode == "locked") return 3;
+  if (mode == "locked") {
+    std::fputs("fake nbdd: another one runs\n", stderr);
+    return 3;
+  }
   std::fputs("fake nbdd: the port is taken: choose another one\n", stderr);
   return 1;
 }
