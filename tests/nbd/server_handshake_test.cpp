@@ -600,8 +600,8 @@ TEST(ServerBounds, OneCallAnswersOneOption) {
   const Buffer one = option(unheardOf);
   const Buffer input = join({Wire::clientFlags(), one, one, one});
   Buffer output;
-  const auto [consumed, state, granted] = handshake.advance(input, output);
-  EXPECT_EQ(consumed, 4 + one.size());
+  const ServerHandshake::Progress progress = handshake.advance(input, output);
+  EXPECT_EQ(progress.consumed, 4 + one.size());
   EXPECT_EQ(Wire::parseReplies(output)->size(), 1U);
 }
 
