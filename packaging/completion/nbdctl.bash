@@ -5,6 +5,50 @@ _nbdctl_ids() {
     timeout 2 nbdctl "$1" 2>/dev/null | sed -n 's/^  ID \([0-9][0-9]*\) |.*/\1/p'
 }
 
+# What the shell will make of a word that is typed only in part: a quote in it may still be open.
+_nbdctl_unquote() {
+    local word=$1 open='' plain='' next i
+    for ((i = 0; i < ${#word}; ++i)); do
+        next=${word:i:1}
+        if [[ $next == "$open" ]]; then
+            open=''
+        elif [[ -z $open && $next == [\"\'] ]]; then
+            open=$next
+        elif [[ $next == \\ && ( -z $open || $open == '"' && ${word:i+1:1} == [\$\`\"\\] ) ]]; then
+            ((++i))
+            plain+=${word:i:1}
+        else
+            plain+=$next
+        fi
+    done
+    printf '%s' "$plain"
+}
+
+# Paths, quoted for nbdctl: it joins its arguments to one line and splits that as if it had been typed. Around
+# this, bash itself quotes them for the shell, as it does with all file names.
+_nbdctl_paths() {
+    local typed path i
+    compopt -o filenames 2>/dev/null
+    typed=$(_nbdctl_unquote "$1"; printf .)
+    typed=${typed%.} path=''
+    for ((i = 0; i < ${#typed}; ++i)); do
+        [[ ${typed:i:1} == '"' ]] && continue
+        [[ ${typed:i:1} == \\ ]] && ((++i))
+        path+=${typed:i:1}
+    done
+    mapfile -t COMPREPLY < <(compgen -f -- "$path")
+    for i in "${!COMPREPLY[@]}"; do
+        path=${COMPREPLY[i]}
+        [[ -d ${path/#~\//$HOME/} ]] && path+=/
+        path=${path//\\/\\\\}
+        path=${path// /\\ }
+        COMPREPLY[i]=${path//\"/\\\"}
+    done
+    if [[ ${#COMPREPLY[@]} == 1 && ${COMPREPLY[0]} == */ ]]; then
+        compopt -o nospace 2>/dev/null
+    fi
+}
+
 _nbdctl() {
     local current=${COMP_WORDS[COMP_CWORD]} words=()
     COMPREPLY=()
@@ -15,8 +59,7 @@ _nbdctl() {
     elif ((COMP_CWORD == 2)); then
         case ${COMP_WORDS[1]} in
             add)
-                compopt -o filenames 2>/dev/null
-                mapfile -t COMPREPLY < <(compgen -f -- "$current")
+                _nbdctl_paths "$current"
                 return
                 ;;
             enable | disable | remove | stat)

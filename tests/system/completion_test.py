@@ -1,0 +1,101 @@
+"""Completion at a shell's prompt: what it completes to is what nbdctl then takes."""
+
+import os
+import pathlib
+import pty
+import select
+import shutil
+import subprocess
+import time
+import unittest
+
+from support import images, processes
+from support.service import Service
+
+COMPLETION = pathlib.Path(__file__).resolve().parents[2] / "packaging" / "completion" / "nbdctl.bash"
+PROMPT = b"ready> "
+
+
+class Shell:
+    """An interactive bash on a terminal of its own."""
+
+    def __init__(self, test, environment):
+        self.terminal, end = pty.openpty()
+        test.addCleanup(os.close, self.terminal)
+        programs = os.path.dirname(processes.program("nbdctl"))
+        environment = {
+            **environment,
+            "PATH": f"{programs}:{os.environ['PATH']}",
+            "PS1": PROMPT.decode(),
+            "TERM": "dumb",
+            "INPUTRC": "/dev/null",
+        }
+        self.process = subprocess.Popen(
+            ["bash", "--norc", "--noprofile", "-i"],
+            env=environment,
+            stdin=end,
+            stdout=end,
+            stderr=end,
+            start_new_session=True,
+            preexec_fn=processes.die_with_parent,
+        )
+        os.close(end)
+        test.addCleanup(processes.end, self.process)
+        self.await_prompt()
+        self.type(f"source {COMPLETION}\n")
+
+    def await_prompt(self):
+        seen = b""
+        deadline = time.monotonic() + processes.LIMIT_SECONDS
+        while not seen.endswith(PROMPT):
+            ready, _, _ = select.select([self.terminal], [], [], max(0, deadline - time.monotonic()))
+            if not ready:
+                raise TimeoutError(f"no prompt after {seen!r}")
+            seen += os.read(self.terminal, 4096)
+        return seen.decode(errors="replace")
+
+    def type(self, text):
+        """Types a line and returns what the terminal showed until the next prompt."""
+        os.write(self.terminal, text.encode())
+        return self.await_prompt()
+
+
+@unittest.skipUnless(shutil.which("bash"), "bash is not installed")
+class Bash(unittest.TestCase):
+    def setUp(self):
+        self.service = Service(self).start()
+        self.shell = Shell(self, self.service.environment)
+
+    def expect_added(self, typed, node):
+        seen = self.shell.type(typed)
+        with self.service.control() as control:
+            ids = control.ExportList()["ids"]
+            nodes = [control.ExportInfo(id=number)["info"]["descriptor"]["node"] for number in ids]
+            self.assertIn(str(node), nodes, seen)
+
+    def test_names_of_every_kind_reach_nbdctl_whole(self):
+        for name in ("a.img", "b c.img", 'c"d.img', "e\\f.img", "g'h.img", "i$j&k;(l).img", "m  \\\"' n.img", "ö ü.img"):
+            node = self.service.images / name
+            images.write_zeros(node)
+            self.expect_added(f"nbdctl add {self.service.images}/{name[0]}\t\n", node)
+
+    def test_words_that_are_quoted_already(self):
+        for quote in ("'", '"'):
+            node = self.service.images / f"{ord(quote)} x\\y.img"
+            images.write_zeros(node)
+            self.expect_added(f"nbdctl add {quote}{self.service.images}/{ord(quote)}\t\n", node)
+
+    def test_folders_are_gone_through(self):
+        folder = self.service.images / "a folder" / "in it"
+        folder.mkdir(parents=True)
+        images.write_zeros(folder / "a disk.img")
+        self.expect_added(f"nbdctl add {self.service.images}/a\ti\ta\t\n", folder / "a disk.img")
+
+    def test_what_names_have_in_common_is_completed(self):
+        for name in ("two disks.1", "two disks.2"):
+            images.write_zeros(self.service.images / name)
+        self.expect_added(f"nbdctl add {self.service.images}/two\t2\t\n", self.service.images / "two disks.2")
+
+
+if __name__ == "__main__":
+    unittest.main()
