@@ -1,6 +1,7 @@
 """How nbdd comes, stays and goes: on demand, by hand, and under a service manager."""
 
 import fcntl
+import shutil
 import signal
 import socket
 import subprocess
@@ -158,6 +159,28 @@ class TwoServices(unittest.TestCase):
         environment = {**first.environment, "NBDD_RUNTIME_DIR": str(first.root / "other")}
         second = processes.run([processes.program("nbdd")], environment=environment, check=False)
         self.assertEqual(second.status, ANOTHER_RUNS, str(second))
+
+    def test_nbdctl_says_once_who_is_in_its_way(self):
+        first = Service(self).start()
+        environment = {**first.environment, "NBDD_RUNTIME_DIR": str(first.root / "other")}
+        result = processes.run([processes.program("nbdctl"), "list"], environment=environment, check=False)
+        self.assertNotEqual(result.status, 0)
+        self.assertEqual(result.err.count("another nbdd"), 1, str(result))
+        self.assertIn(f"(process {first.process.pid})", result.err)
+        # The last nbdd that nbdctl started may still hope; it must not get its chance when the first one ends.
+        with open(first.root / "other" / "nbdd.lock", "rb") as lock:
+            fcntl.flock(lock, fcntl.LOCK_EX)
+
+    def test_whoever_lost_the_runtime_directory_is_served_again(self):
+        service = Service(self).start()
+        with service.control() as control:
+            pid = control.peer()
+        for _ in range(5):
+            shutil.rmtree(service.runtime)
+            result = processes.run([processes.program("nbdctl"), "list"], environment=service.environment)
+            self.assertEqual((result.out, result.err), ("Exports: 0\n", ""))
+            with service.control() as control:
+                self.assertEqual(control.peer(), pid)
 
     def test_each_in_its_own_directories(self):
         first, second = Service(self).start().start_server(), Service(self).start().start_server()
