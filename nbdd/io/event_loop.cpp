@@ -40,22 +40,19 @@ void EventLoop::run() {
   }
 }
 
+// Both wake the loop under the lock: without it the loop could see the request, end and be destroyed before
+// the wake-up is written.
+
 void EventLoop::stop() {
-  {
-    const std::lock_guard lock(mutex_);
-    stopRequested_ = true;
-  }
+  const std::lock_guard lock(mutex_);
+  stopRequested_ = true;
   ::eventfd_write(wake_.number(), 1);
 }
 
 void EventLoop::post(Function function) {
-  bool first = false;
-  {
-    const std::lock_guard lock(mutex_);
-    first = posted_.empty();
-    posted_.push_back(std::move(function));
-  }
-  if (first) {
+  const std::lock_guard lock(mutex_);
+  posted_.push_back(std::move(function));
+  if (posted_.size() == 1) {
     ::eventfd_write(wake_.number(), 1);
   }
 }
