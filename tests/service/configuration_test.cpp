@@ -71,7 +71,7 @@ TEST(Configuration, MistakesAreToldWithTheirPlace) {
   EXPECT_FALSE(errorOf("[server]\nport = 1\nport = 2\n").empty());
   expectErrorAt("1:1", "\xff\xfe");
   expectErrorAt("2:6", "[server]\nport \xc3 = 1\n");
-  expectErrorAt("1:2", std::string_view("[\0server]\n", 11));
+  expectErrorAt("1:2", std::string_view("[\0server]\n", 10));
   expectErrorAt("3:1", "[server]\n\n\x7f");
 }
 
