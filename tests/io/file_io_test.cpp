@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <liburing.h>
 #include <sys/stat.h>
 
 #include <cstring>
@@ -110,6 +111,18 @@ TEST_P(FileIoTest, KeepsThousandsInFlight) {
 
 INSTANTIATE_TEST_SUITE_P(Engines, FileIoTest, ::testing::Values(false, true),
                          [](const auto& engine) { return engine.param ? "ring" : "threads"; });
+
+// So that the ring's half of the tests above cannot turn into one of threads unnoticed.
+TEST(FileIoChoice, UsesTheRingWhereTheKernelGrantsOne) {
+  io_uring ring{};
+  const bool granted = ::io_uring_queue_init(8, &ring, 0) == 0;
+  if (granted) {
+    ::io_uring_queue_exit(&ring);
+  }
+  EventLoop loop;
+  ThreadPool pool(1);
+  EXPECT_EQ(makeFileIo(loop, pool, true)->name(), granted ? "io_uring" : "threads");
+}
 
 TEST(FileIoChoice, UsesThreadsWhenTheRingIsNotAllowed) {
   EventLoop loop;
