@@ -19,7 +19,8 @@
 //
 // What nbdd says until it is ready goes into a file in memory, and from there to the operator, for whom it is
 // meant when nbdd could not start. The loser of a race says that another nbdd runs, which is no news for
-// somebody who then uses that one: he is told, and told once, when nothing came of it.
+// somebody who then uses that one: he is told, and told once, when nothing came of it. If several attempts
+// had something to say he hears the last of them.
 
 #include <fcntl.h>
 #include <fmt/core.h>
@@ -158,14 +159,15 @@ class Said {
 
   int number() const { return file_.number(); }
 
-  /// Passes it on to the operator, once.
-  void tell() {
+  /// Passes it on to the operator, once; false if there is nothing to pass on.
+  bool tell() {
     std::array<char, 4096> piece{};
     ssize_t count = 0;
     while ((count = ::pread(file_.number(), piece.data(), piece.size(), told_)) > 0) {
       told_ += count;
-      if (::write(STDERR_FILENO, piece.data(), static_cast<std::size_t>(count)) != count) return;
+      if (::write(STDERR_FILENO, piece.data(), static_cast<std::size_t>(count)) != count) break;
     }
+    return told_ > 0;
   }
 
  private:
@@ -242,9 +244,9 @@ Result<Control::Client> connectToService(const ServiceLocation& location, Clock:
     Said said;
     const auto started = start(*program, deadline, said);
     const bool race = started == Started::anotherRuns;
-    if (!race) said.tell();
+    const bool told = !race && said.tell();
     if (!started) {
-      if (ofAnother) ofAnother->tell();
+      if (!told && ofAnother) ofAnother->tell();
       return std::unexpected(started.error());
     }
     if (race) ofAnother = std::move(said);

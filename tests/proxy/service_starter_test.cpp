@@ -138,6 +138,13 @@ TEST_F(ServiceStarterTest, ALockThatNobodyServesBehindIsWaitedForAsLongAsItMay) 
   EXPECT_EQ(::testing::internal::GetCapturedStderr(), "fake nbdd: another one runs\n") << "told once";
 }
 
+TEST_F(ServiceStarterTest, WhatTwoAttemptsSayIsToldOnce) {
+  behave("stuck");
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(codeWithin(1s), FailureCode::timeout);
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "fake nbdd: another one runs\n");
+}
+
 TEST_F(ServiceStarterTest, WithoutAProgramItIsUnavailable) {
   location.programs = {"/nowhere"};
   EXPECT_EQ(codeWithin(30s), FailureCode::serviceUnavailable);

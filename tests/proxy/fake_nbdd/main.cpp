@@ -5,9 +5,11 @@
 //   fail     says a sentence and ends
 //   hang     never becomes ready
 //   locked   says so and ends with status 3 although nobody serves
+//   stuck    locked the first time; later says the same and never ends
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -65,8 +67,10 @@ int main(int count, char** words) {
   ::alarm(60);  // whatever happens to the test, this does not stay
   if (mode == "serve") return serve(directory, std::atoi(arguments[3]));
   if (mode == "hang") ::pause();
-  if (mode == "locked") {
+  if (mode == "locked" || mode == "stuck") {
     std::fputs("fake nbdd: another one runs\n", stderr);
+    const std::string mark = directory + "/stuck";
+    if (mode == "stuck" && ::mkdir(mark.c_str(), 0700) != 0) ::pause();
     return 3;
   }
   std::fputs("fake nbdd: the port is taken: choose another one\n", stderr);
