@@ -83,10 +83,8 @@ template <>
 struct Words<ImportState> {
   static constexpr std::string_view name = "ImportState";
   static constexpr std::array list{
-      Word{ImportState::added, "added"},
-      Word{ImportState::enabled, "enabled"},
-      Word{ImportState::reconnecting, "reconnecting"},
-      Word{ImportState::disabling, "disabling"},
+      Word{ImportState::added, "added"},         Word{ImportState::connecting, "connecting"},
+      Word{ImportState::connected, "connected"}, Word{ImportState::disabling, "disabling"},
       Word{ImportState::disabled, "disabled"},
   };
 };

@@ -106,8 +106,8 @@ enum class ImportFlag : std::uint32_t { dontAnnounceStorage = 0x1, forceReadOnly
 
 enum class ImportState : std::uint32_t {
   added = 1,
-  enabled = 2,
-  reconnecting = 3,
+  connecting = 2,  ///< enabled, and waits for the server
+  connected = 3,   ///< enabled, and the server answers
   disabling = 4,
   disabled = 5
 };

@@ -94,11 +94,11 @@ struct ImportDescriptor {
   std::uint32_t flags = 0;  ///< mask of ImportFlag
 };
 
-/// The state of an import. An import whose connection is being made again counts as enabled to the operator.
+/// The state of an import. To the operator it is enabled whether the remote server answers or not.
 enum class ImportState : std::uint32_t {
   Added = 1,
-  Enabled = 2,
-  Reconnecting = 3,
+  Connecting = 2,
+  Connected = 3,
   Disabling = 4,
   Disabled = 5,
 };

@@ -49,7 +49,7 @@ inline const ImportDescriptor importDescriptor{
 
 inline const ImportInfo importInfo{.id = ImportId{7},
                                    .descriptor = importDescriptor,
-                                   .state = ImportState::reconnecting,
+                                   .state = ImportState::connecting,
                                    .size = 1'073'741'824,
                                    .node = "/dev/nbd0",
                                    .connections = 4,

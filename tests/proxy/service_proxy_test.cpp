@@ -142,7 +142,7 @@ TEST_F(ServiceProxyTest, Imports) {
   EXPECT_EQ(ids, std::vector{ImportID{7}});
   const auto info = proxy->importInfo(ImportID{7});
   ASSERT_TRUE(info.has_value());
-  EXPECT_EQ(info->state, Types::ImportState::Reconnecting);
+  EXPECT_EQ(info->state, Types::ImportState::Connecting);
   EXPECT_EQ(info->size, 1'073'741'824U);
   EXPECT_EQ(info->disableReason, Types::ImportDisableReason::NetworkError);
   EXPECT_EQ(info->descriptor.flags, Types::DontAnnounceStorage | Types::ForceReadOnly);
