@@ -25,28 +25,22 @@ TransferCounters::Batch countTurn(const benchmark::State& state) {
   return batch;
 }
 
-void perRequest(benchmark::State& state) {
-  state.counters["perRequest"] =
-      benchmark::Counter(static_cast<double>(state.range(0)),
-                         benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
-}
-
 void turnWithoutStatistics(benchmark::State& state) {
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     for (std::int64_t request = 0; request < state.range(0); ++request) {
       benchmark::DoNotOptimize(request);
     }
   }
-  perRequest(state);
+  state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 
 /// All threads serve the same export, so they meet in its counters.
 void turn(benchmark::State& state) {
   static TransferCounters counters;
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     counters.addSent(countTurn(state));
   }
-  perRequest(state);
+  state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 
 }  // namespace

@@ -88,7 +88,7 @@ def nbdkit(*threads):
 
 def qemu_nbd(aio):
     return lambda image, port, _: (
-        ["qemu-nbd", "-f", "raw", "-b", "127.0.0.1", "-p", str(port), "--persistent", "-e", "16"]
+        ["qemu-nbd", "-f", "raw", "-b", "127.0.0.1", "-p", str(port), "--persistent", "-e", "2000"]
         + ["--discard=unmap", f"--aio={aio}", str(image)]
     )
 
