@@ -9,6 +9,7 @@
 #include "exports/export_id.h"
 #include "platform/filesystem.h"
 #include "shell/command_table.h"
+#include "shell/handler_steps.h"
 #include "shell/output.h"
 
 namespace Exports {
@@ -18,22 +19,6 @@ namespace {
 using namespace Services::NBD::Client::Types;
 using Services::NBD::Client::Service;
 using Shell::output;
-
-/// Ends the progress line of a command that has succeeded or not.
-int finish(bool success) {
-  if (!success) {
-    Shell::printError("error 0x");
-    return Shell::failed;
-  }
-  output()->printText("OK!")->endLine();
-  return Shell::succeeded;
-}
-
-/// The line stays open: what is printed next continues it.
-int refuseWordCount() {
-  output()->printText("invalid arguments");
-  return Shell::failed;
-}
 
 /// Reads the number in `word` and opens the progress line with it; nothing, and an answer printed, if it is
 /// none.
@@ -50,8 +35,7 @@ std::optional<ExportID> announce(const char* action, const Ref<String>& word) {
 
 int add(Ref<Service> service, std::vector<Ref<String>> words) {
   if (words.empty() || words.size() > 2) {
-    output()->printText("invalid arguments")->endLine();
-    return Shell::failed;
+    return Shell::refuseWords("invalid arguments");
   }
   const bool readOnly = words.size() == 2;
   if (readOnly && !words[1]->equals("ro") && !words[1]->equals("read-only")) {
@@ -66,7 +50,7 @@ int add(Ref<Service> service, std::vector<Ref<String>> words) {
   output()->printText("Adding '")->printString(descriptor.node)->printText("' as export...");
   const auto id = service->exportAdd(descriptor);
   if (!id) {
-    return finish(false);
+    return Shell::endProgress(false);
   }
   output()->printText("OK! Export ID: ")->printU32(static_cast<std::uint32_t>(*id))->endLine();
   return Shell::succeeded;
@@ -74,30 +58,30 @@ int add(Ref<Service> service, std::vector<Ref<String>> words) {
 
 int enable(Ref<Service> service, std::vector<Ref<String>> words) {
   if (words.size() != 1) {
-    return refuseWordCount();
+    return Shell::refuseWordsInOpenLine("invalid arguments");
   }
   const auto id = announce("Enabling export with ID ", words[0]);
-  return id ? finish(service->exportEnable(*id)) : Shell::failed;
+  return id ? Shell::endProgress(service->exportEnable(*id)) : Shell::failed;
 }
 
 int disable(Ref<Service> service, std::vector<Ref<String>> words) {
   if (words.empty() || words.size() > 2) {
-    return refuseWordCount();
+    return Shell::refuseWordsInOpenLine("invalid arguments");
   }
   const auto id = announce("Disabling export with ID ", words[0]);
   if (!id) {
     return Shell::failed;
   }
   const bool force = words.size() == 2 && words[1]->equals("force");
-  return finish(service->exportDisable(*id, force));
+  return Shell::endProgress(service->exportDisable(*id, force));
 }
 
 int remove(Ref<Service> service, std::vector<Ref<String>> words) {
   if (words.size() != 1) {
-    return refuseWordCount();
+    return Shell::refuseWordsInOpenLine("invalid arguments");
   }
   const auto id = announce("Removing export with ID ", words[0]);
-  return id ? finish(service->exportRemove(*id)) : Shell::failed;
+  return id ? Shell::endProgress(service->exportRemove(*id)) : Shell::failed;
 }
 
 }  // namespace Exports

@@ -2,6 +2,7 @@
 
 #include "exports/export_id.h"
 #include "shell/command_table.h"
+#include "shell/handler_steps.h"
 #include "shell/output.h"
 
 namespace Exports {
@@ -23,8 +24,7 @@ void printCounters(const char* heading, const ExportTransferCounters& counters) 
 
 int stat(Ref<Services::NBD::Client::Service> service, std::vector<Ref<String>> words) {
   if (words.size() != 1) {
-    output()->printText("invalid arguments")->endLine();
-    return Shell::failed;
+    return Shell::refuseWords("invalid arguments");
   }
   const auto number = readExportNumber(words[0]);
   if (!number) {
@@ -32,11 +32,9 @@ int stat(Ref<Services::NBD::Client::Service> service, std::vector<Ref<String>> w
   }
   output()->printText("Fetching access statistics for export with ID ")->printU64(*number)->printText("... ");
   ExportStatistics statistics;
-  if (!service->exportGetStatistics(exportID(*number), statistics)) {
-    Shell::printError("error 0x");
+  if (Shell::endProgress(service->exportGetStatistics(exportID(*number), statistics)) != Shell::succeeded) {
     return Shell::failed;
   }
-  output()->printText("OK!")->endLine();
   printCounters("- RX", statistics.rx);
   printCounters("- TX", statistics.tx);
   return Shell::succeeded;
