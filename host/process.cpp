@@ -19,6 +19,9 @@ namespace Proc {
 
 void setExitCode(unsigned int code) { programExitCode = code; }
 
+// Unlike abort(), this comes back if the signal does not end the process.
+void raiseFault() noexcept { static_cast<void>(std::raise(SIGABRT)); }
+
 }  // namespace Proc
 
 namespace Host {

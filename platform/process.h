@@ -11,4 +11,8 @@ void setExitCode(unsigned int code);
 /// programming errors and exhausted memory, never for errors that the operator or the service can cause.
 [[noreturn]] void failFast() noexcept;
 
+/// The same fault, for a caller that has something harmless to go on with: where somebody holds the fault up,
+/// as a debugger can, this returns.
+void raiseFault() noexcept;
+
 }  // namespace Proc

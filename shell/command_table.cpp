@@ -6,6 +6,7 @@
 #include "exports/export_commands.h"
 #include "exports/list.h"
 #include "exports/stat.h"
+#include "server/properties.h"
 #include "server/server_control.h"
 #include "shell/help.h"
 #include "shell/not_available.h"
@@ -42,7 +43,7 @@ constexpr std::array<Row, commandCount> rows{{
     {"remove", "<ID>", "Remove an export.", Exports::remove},
     {"iremove", "<ID>", "Remove an import.", notAvailable},
     {"rlist", "<server>", "Return list of exports offered by remote server.", notAvailable},
-    {"props", nullptr, "List all server properties", notAvailable},
+    {"props", nullptr, "List all server properties", Server::props},
     {"discover", nullptr, "List servers in the local network.", notAvailable},
     {"ilistnodes", "<ID>", "List available node interfaces for an import.", notAvailable},
     {"compression", "<1|0>", "Enable or disable data transfer compression for all imports.", notAvailable},

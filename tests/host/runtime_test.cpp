@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -12,6 +13,7 @@
 #include "platform/init_code.h"
 #include "platform/memory.h"
 #include "platform/object.h"
+#include "platform/process.h"
 #include "platform/set.h"
 #include "platform/string.h"
 #include "platform/variant.h"
@@ -198,6 +200,17 @@ TEST(Variant, CopiesTheListAndSharesTheTexts) {
 TEST(VariantDeathTest, EndsTheProcessBehindItsLastEntry) {
   const Services::NBD::Client::Types::Variant variant(1);
   EXPECT_EXIT((void)variant.entry(1), testing::KilledBySignal(SIGABRT), "^$");
+}
+
+TEST(FaultDeathTest, EndsTheProcessWithoutAWord) {
+  EXPECT_EXIT(Proc::raiseFault(), testing::KilledBySignal(SIGABRT), "^$");
+  EXPECT_EXIT(Proc::failFast(), testing::KilledBySignal(SIGABRT), "^$");
+}
+
+TEST(Fault, ComesBackWhereTheSignalIsHeldUp) {
+  const auto before = std::signal(SIGABRT, SIG_IGN);
+  Proc::raiseFault();
+  std::signal(SIGABRT, before);
 }
 
 TEST(Error, KeepsTheLastCode) {
