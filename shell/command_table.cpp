@@ -6,6 +6,9 @@
 #include "exports/export_commands.h"
 #include "exports/list.h"
 #include "exports/stat.h"
+#include "imports/import_commands.h"
+#include "imports/import_list.h"
+#include "imports/node_interfaces.h"
 #include "server/properties.h"
 #include "server/server_control.h"
 #include "shell/help.h"
@@ -33,19 +36,19 @@ constexpr std::array<Row, commandCount> rows{{
     {"stop", nullptr, "Stop NBD server.", Server::stop},
     {"caps", nullptr, "Get NBD server capabilities.", Server::caps},
     {"list", nullptr, "List all exports.", Exports::list},
-    {"ilist", nullptr, "List all imports.", notAvailable},
+    {"ilist", nullptr, "List all imports.", Imports::list},
     {"add", "<node> [ro]", "Add a new export [read-only].", Exports::add},
-    {"iadd", "<host> <name>", "Add a new import.", notAvailable},
+    {"iadd", "<host> <name>", "Add a new import.", Imports::add},
     {"enable", "<ID>", "Enable an export.", Exports::enable},
-    {"ienable", "<ID>", "Enable an import.", notAvailable},
+    {"ienable", "<ID>", "Enable an import.", Imports::enable},
     {"disable", "<ID> [force]", "Disable an export.", Exports::disable},
-    {"idisable", "<ID> [force]", "Disable an import.", notAvailable},
+    {"idisable", "<ID> [force]", "Disable an import.", Imports::disable},
     {"remove", "<ID>", "Remove an export.", Exports::remove},
-    {"iremove", "<ID>", "Remove an import.", notAvailable},
+    {"iremove", "<ID>", "Remove an import.", Imports::remove},
     {"rlist", "<server>", "Return list of exports offered by remote server.", notAvailable},
     {"props", nullptr, "List all server properties", Server::props},
     {"discover", nullptr, "List servers in the local network.", notAvailable},
-    {"ilistnodes", "<ID>", "List available node interfaces for an import.", notAvailable},
+    {"ilistnodes", "<ID>", "List available node interfaces for an import.", Imports::listNodes},
     {"compression", "<1|0>", "Enable or disable data transfer compression for all imports.", notAvailable},
     {"diskspec", "<SpecString>", "Discover exports in the local network that match a DiskSpec.",
      notAvailable},

@@ -65,12 +65,15 @@ _nbdctl() {
             enable | disable | remove | stat)
                 mapfile -t words < <(_nbdctl_ids list)
                 ;;
+            ienable | idisable | iremove | ilistnodes)
+                mapfile -t words < <(_nbdctl_ids ilist)
+                ;;
             compression) words=(0 1) ;;
         esac
     elif ((COMP_CWORD == 3)); then
         case ${COMP_WORDS[1]} in
             add) words=(ro read-only) ;;
-            disable | idisable) words=(force) ;;
+            disable) words=(force) ;;
         esac
     fi
     mapfile -t COMPREPLY < <(compgen -W "${words[*]}" -- "$current")

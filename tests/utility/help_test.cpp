@@ -52,9 +52,8 @@ TEST(Help, TakesNoNoticeOfWords) {
 
 TEST(NotAvailable, SaysSoForEveryCommandThatIsYetToCome) {
   Platform platform;
-  for (const char* const command :
-       {"ilist", "iadd", "ienable", "idisable", "iremove", "rlist", "discover", "ilistnodes", "compression",
-        "diskspec", "password", "reserve", "unreserve", "reslist", "rescheck"}) {
+  for (const char* const command : {"rlist", "discover", "compression", "diskspec", "password", "reserve",
+                                    "unreserve", "reslist", "rescheck"}) {
     EXPECT_EQ(platform.run(command), failing("This command is not available in this version.\n")) << command;
     EXPECT_EQ(platform.run(std::string(command) + " 1"),
               failing("This command is not available in this version.\n"));

@@ -87,11 +87,15 @@ TEST(Session, RefusesUnknownWordsAndGoesOn) {
 
 TEST(Session, ContinuesALineThatWasLeftOpen) {
   Platform platform;
-  EXPECT_EQ(session(platform, {"enable", "remove 1 2", "exit"}),
-            " > {typed: enable}\n"
-            "invalid arguments > {typed: remove 1 2}\n"
-            "invalid arguments > {typed: exit}\n"
-            "Bye!\n");
+  EXPECT_EQ(
+      session(platform, {"enable", "remove 1 2", "idisable 5 force", "props now", "ilistnodes", "exit"}),
+      " > {typed: enable}\n"
+      "invalid arguments > {typed: remove 1 2}\n"
+      "invalid arguments > {typed: idisable 5 force}\n"
+      "invalid arguments > {typed: props now}\n"
+      "unexpected arguments > {typed: ilistnodes}\n"
+      "invalid arguments > {typed: exit}\n"
+      "Bye!\n");
 }
 
 TEST(Session, GoesOnAfterAFailureAndExitsWithZero) {
