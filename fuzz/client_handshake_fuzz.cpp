@@ -29,6 +29,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const Nbd::Bytes input = std::as_bytes(std::span(data, size)).subspan(1);
   const ClientHandshake::Wish wish{.goal = static_cast<ClientHandshake::Goal>(choice % 3),
                                    .exportName = "disk",
+                                   .extendedHeaders = (choice & 64) != 0,
                                    .structuredReplies = (choice & 8) != 0,
                                    .allocationContext = (choice & 16) != 0,
                                    .noZeroes = (choice & 32) != 0};
@@ -46,7 +47,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   checkExport(split.agreement().remote);
   if (outcome.state == State::transmission) {
     expect(split.agreement().remote.size.has_value());
-    expect(split.agreement().structuredReplies || !split.agreement().allocationContext);
+    expect(split.agreement().headers != Nbd::HeaderStyle::simple || !split.agreement().allocationContext);
   }
   expect((outcome.state == State::failed) == !split.failure().message.empty());
   return 0;

@@ -29,8 +29,11 @@ Wire::Directory makeDirectory() {
 void checkAgreement(const ServerHandshake::Agreement& agreement) {
   const bool hasDf = (agreement.exportView.transmissionFlags & Nbd::TransmissionFlag::sendDf) != 0;
   expect((agreement.exportView.transmissionFlags & Nbd::TransmissionFlag::hasFlags) != 0);
-  expect(agreement.structuredReplies || !hasDf);
-  expect(agreement.structuredReplies || !agreement.allocationContext);
+  const bool hasFilter =
+      (agreement.exportView.transmissionFlags & Nbd::TransmissionFlag::blockStatusPayload) != 0;
+  expect(agreement.headers != Nbd::HeaderStyle::simple || !hasDf);
+  expect(agreement.headers != Nbd::HeaderStyle::simple || !agreement.allocationContext);
+  expect(agreement.headers == Nbd::HeaderStyle::extended || !hasFilter);
 }
 
 }  // namespace
@@ -40,8 +43,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   static const Wire::Directory directory = makeDirectory();
   const std::uint8_t choice = data[0];
   const Nbd::Bytes input = std::as_bytes(std::span(data, size)).subspan(1);
-  const ServerHandshake::Policy policy{
-      .noZeroes = (choice & 1) != 0, .structuredReplies = (choice & 2) != 0, .listing = (choice & 4) != 0};
+  const ServerHandshake::Policy policy{.noZeroes = (choice & 1) != 0,
+                                       .structuredReplies = (choice & 2) != 0,
+                                       .extendedHeaders = (choice & 8) != 0,
+                                       .listing = (choice & 4) != 0};
   const std::size_t piece = 1 + (choice >> 3);
 
   ServerHandshake whole(directory, policy);

@@ -1,14 +1,18 @@
-// What a server sends during transmission, as a client reads it: a simple reply or a chunk, header and
-// payload. What is accepted and could have come from our own server is encoded again and must be the same
-// bytes.
+// What a server sends during transmission, as a client reads it: a simple reply or a chunk, compact or
+// extended as its magic says, header and payload. What is accepted and could have come from our own server is
+// encoded again and must be the same bytes.
 
 #include <algorithm>
 #include <array>
 #include <cstdlib>
 
 #include "nbd/reply.h"
+#include "nbd/reply_encoder.h"
 
 namespace {
+
+using Nbd::HeaderStyle;
+using Nbd::ReplyChunk;
 
 void expect(bool promise) {
   if (!promise) std::abort();
@@ -24,36 +28,63 @@ void checkSimple(std::span<const std::byte, Nbd::simpleReplySize> bytes) {
   expect(isSame(again, bytes));
 }
 
-void checkHole(const Nbd::ChunkHeader& header, Nbd::Bytes chunk, Nbd::Bytes payload) {
-  const auto hole = Nbd::decodeOffsetHole(payload);
+// A chunk whose header was accepted, taken apart.
+struct Chunk {
+  HeaderStyle headers;
+  Nbd::ChunkHeader header;
+  Nbd::Bytes bytes;
+  Nbd::Bytes payload;
+
+  [[nodiscard]] Nbd::ReplyEncoder encoder() const { return Nbd::ReplyEncoder(headers); }
+  [[nodiscard]] Nbd::Request request() const {
+    return {.cookie = header.cookie, .offset = header.requestOffset};
+  }
+};
+
+void checkHole(const Chunk& chunk) {
+  const auto hole = Nbd::decodeOffsetHole(chunk.payload);
   if (!hole) return;
-  std::array<std::byte, Nbd::offsetHoleSize> again{};
-  Nbd::encodeOffsetHole(again, header.cookie, header.flags, hole->offset, hole->length);
-  expect(isSame(again, chunk));
+  std::vector<std::byte> again(chunk.encoder().holeSize());
+  chunk.encoder().hole(again, chunk.request(), chunk.header.flags, hole->offset, hole->length);
+  expect(isSame(again, chunk.bytes));
 }
 
-void checkBlockStatus(const Nbd::ChunkHeader& header, Nbd::Bytes chunk, Nbd::Bytes payload) {
+void checkBlockStatus(const Chunk& chunk) {
   std::vector<Nbd::Extent> extents;
-  const auto context = Nbd::decodeBlockStatus(payload, extents);
+  const auto context = Nbd::decodeBlockStatus(chunk.header.type, chunk.payload, extents);
   if (!context) return;
   expect(!extents.empty() && std::ranges::count(extents, 0U, &Nbd::Extent::length) == 0);
   if (extents.size() > Nbd::maxExtentsSent) return;
-  std::vector<std::byte> again(Nbd::blockStatusSize(extents.size()));
-  expect(Nbd::encodeBlockStatus(again, header.cookie, header.flags, *context, extents) == again.size());
-  expect(isSame(again, chunk));
+  std::vector<std::byte> again(chunk.encoder().blockStatusSize(extents.size()));
+  expect(chunk.encoder().blockStatus(again, chunk.request(), chunk.header.flags, *context, extents) ==
+         again.size());
+  expect(isSame(again, chunk.bytes));
 }
 
-void checkError(const Nbd::ChunkHeader& header, Nbd::Bytes chunk, Nbd::Bytes payload) {
-  const auto error = Nbd::decodeError(header.type, payload);
+void checkError(const Chunk& chunk) {
+  const auto error = Nbd::decodeError(chunk.header.type, chunk.payload);
   if (!error) return;
   expect(error->error != Nbd::Error::none && error->message.size() <= Nbd::maxStringLength);
-  std::array<std::byte, Nbd::maxErrorChunkSize> again{};
+  const bool isKnown = chunk.header.type == ReplyChunk::error || chunk.header.type == ReplyChunk::errorOffset;
+  const bool isOurs = isKnown && chunk.header.flags == Nbd::ReplyFlag::done &&
+                      error->message.size() <= Nbd::maxErrorMessageSent;
+  if (!isOurs) return;
+  std::array<std::byte, Nbd::ReplyEncoder::maxVerdictSize> again{};
   const std::size_t size =
-      Nbd::encodeError(again, header.cookie, header.flags, error->error, error->message, error->offset);
-  const bool isOurs = header.type == Nbd::ReplyChunk::error || header.type == Nbd::ReplyChunk::errorOffset;
-  if (isOurs && size == chunk.size() && error->message.size() <= Nbd::maxErrorMessageSent) {
-    expect(isSame(Nbd::Bytes(again).first(size), chunk));
-  }
+      chunk.encoder().failure(again, chunk.request(), error->error, error->message, error->offset);
+  if (size == chunk.bytes.size()) expect(isSame(Nbd::Bytes(again).first(size), chunk.bytes));
+}
+
+void checkChunk(HeaderStyle headers, const std::optional<Nbd::ChunkHeader>& header, std::size_t headerSize,
+                Nbd::Bytes input) {
+  if (!header || input.size() - headerSize < header->length) return;
+  const Nbd::Bytes bytes = input.first(headerSize + header->length);
+  const Chunk chunk{
+      .headers = headers, .header = *header, .bytes = bytes, .payload = bytes.subspan(headerSize)};
+  if (header->type == ReplyChunk::offsetHole) checkHole(chunk);
+  if (header->type == ReplyChunk::blockStatus) checkBlockStatus(chunk);
+  if (header->type == ReplyChunk::extendedBlockStatus) checkBlockStatus(chunk);
+  if (header->isError()) checkError(chunk);
 }
 
 }  // namespace
@@ -61,13 +92,14 @@ void checkError(const Nbd::ChunkHeader& header, Nbd::Bytes chunk, Nbd::Bytes pay
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const Nbd::Bytes input = std::as_bytes(std::span(data, size));
   if (input.size() >= Nbd::simpleReplySize) checkSimple(input.first<Nbd::simpleReplySize>());
-  if (input.size() < Nbd::chunkHeaderSize) return 0;
-  const auto header = Nbd::decodeChunkHeader(input.first<Nbd::chunkHeaderSize>());
-  if (!header || input.size() - Nbd::chunkHeaderSize < header->length) return 0;
-  const Nbd::Bytes chunk = input.first(Nbd::chunkHeaderSize + header->length);
-  const Nbd::Bytes payload = chunk.subspan(Nbd::chunkHeaderSize);
-  if (header->type == Nbd::ReplyChunk::offsetHole) checkHole(*header, chunk, payload);
-  if (header->type == Nbd::ReplyChunk::blockStatus) checkBlockStatus(*header, chunk, payload);
-  if (header->isError()) checkError(*header, chunk, payload);
+  if (input.size() >= Nbd::chunkHeaderSize) {
+    checkChunk(HeaderStyle::structured, Nbd::decodeChunkHeader(input.first<Nbd::chunkHeaderSize>()),
+               Nbd::chunkHeaderSize, input);
+  }
+  if (input.size() >= Nbd::extendedChunkHeaderSize) {
+    checkChunk(HeaderStyle::extended,
+               Nbd::decodeExtendedChunkHeader(input.first<Nbd::extendedChunkHeaderSize>()),
+               Nbd::extendedChunkHeaderSize, input);
+  }
   return 0;
 }

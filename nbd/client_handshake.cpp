@@ -10,7 +10,9 @@
 // One option is under way at any time. Its replies arrive as pairs of a header and data; the final one
 // decides what comes next:
 //
-//   transmission:  STRUCTURED_REPLY, SET_META_CONTEXT, GO, and EXPORT_NAME where the server does not know GO
+//   transmission:  EXTENDED_HEADERS, or else STRUCTURED_REPLY; SET_META_CONTEXT; GO, and EXPORT_NAME where
+//   the
+//                  server does not know GO
 //   listing:       LIST, ABORT
 //   details:       LIST, INFO for each export, ABORT
 //
@@ -34,7 +36,7 @@ ExportLimits ClientHandshake::Agreement::limits() const {
           .maximumPayload = remote.maximumPayload,
           // A server need not serve more in one piece.
           .maximumUnfragmented = std::min<std::uint32_t>(remote.maximumPayload, 64 * 1024),
-          .structuredReplies = structuredReplies,
+          .headers = headers,
           .blockStatus = allocationContext.has_value()};
 }
 
@@ -100,9 +102,7 @@ void ClientHandshake::takeGreeting(Bytes data, Output& output) {
     if (wish_.goal != Goal::transmission) return fail("the server's protocol has no listing");
     return sendOption(output, Option::exportName, std::as_bytes(std::span(wish_.exportName)));
   }
-  if (wish_.goal != Goal::transmission) return sendOption(output, Option::list, {});
-  if (wish_.structuredReplies) return sendOption(output, Option::structuredReply, {});
-  sendExportOption(output, Option::go, wish_.exportName);
+  sendFirstOption(output);
 }
 
 void ClientHandshake::takeReplyHeader(Bytes data) {
@@ -206,8 +206,10 @@ void ClientHandshake::takeMetaContext(Bytes data) {
 
 void ClientHandshake::acknowledged(Output& output) {
   switch (option_) {
+    case Option::extendedHeaders:
     case Option::structuredReply:
-      agreement_.structuredReplies = true;
+      agreement_.headers =
+          option_ == Option::extendedHeaders ? HeaderStyle::extended : HeaderStyle::structured;
       if (wish_.allocationContext) return sendMetaContextOption(output);
       return sendExportOption(output, Option::go, wish_.exportName);
     case Option::setMetaContext:
@@ -229,6 +231,8 @@ void ClientHandshake::acknowledged(Output& output) {
 
 void ClientHandshake::refused(Bytes data, Output& output) {
   switch (option_) {
+    case Option::extendedHeaders:
+      return sendStructuredReplyOption(output);
     case Option::structuredReply:
     case Option::setMetaContext:
       agreement_.allocationContext.reset();
@@ -237,7 +241,8 @@ void ClientHandshake::refused(Bytes data, Output& output) {
       ++described_;
       return sendDetailsOption(output);
     case Option::go:
-      if (replyType_ == ReplyType::unsupported) {
+      // A server with extended headers knows GO, and EXPORT_NAME would not be allowed any more.
+      if (replyType_ == ReplyType::unsupported && agreement_.headers != HeaderStyle::extended) {
         return sendOption(output, Option::exportName, std::as_bytes(std::span(wish_.exportName)));
       }
       break;
@@ -254,6 +259,17 @@ void ClientHandshake::refused(Bytes data, Output& output) {
 void ClientHandshake::sendDetailsOption(Output& output) {
   if (described_ == exports_.size()) return leave(output);
   sendExportOption(output, Option::info, exports_[described_].name);
+}
+
+void ClientHandshake::sendFirstOption(Output& output) {
+  if (wish_.goal != Goal::transmission) return sendOption(output, Option::list, {});
+  if (wish_.extendedHeaders) return sendOption(output, Option::extendedHeaders, {});
+  sendStructuredReplyOption(output);
+}
+
+void ClientHandshake::sendStructuredReplyOption(Output& output) {
+  if (wish_.structuredReplies) return sendOption(output, Option::structuredReply, {});
+  sendExportOption(output, Option::go, wish_.exportName);
 }
 
 void ClientHandshake::sendOption(Output& output, Option option, Bytes data) {

@@ -44,9 +44,10 @@ class ClientHandshake {
   /// What the client wants. What it wants but the server does not have is left out, except the export itself.
   struct Wish {
     Goal goal = Goal::transmission;
-    std::string exportName = {};  // a string of the protocol; empty for the server's default
+    std::string exportName = {};   // a string of the protocol; empty for the server's default
+    bool extendedHeaders = false;  // asked for first; where the server has none, what follows is asked for
     bool structuredReplies = true;
-    bool allocationContext = true;  // needs structuredReplies
+    bool allocationContext = true;  // needs one of the two
     bool noZeroes = true;
   };
 
@@ -64,7 +65,7 @@ class ClientHandshake {
 
   struct Agreement {
     RemoteExport remote;
-    bool structuredReplies = false;
+    HeaderStyle headers = HeaderStyle::simple;
     std::optional<std::uint32_t> allocationContext;  // the id of base:allocation, if it is selected
 
     /// What validate() measures our own requests by before they are sent.
@@ -102,6 +103,8 @@ class ClientHandshake {
   void acknowledged(Output& output);
   void refused(Bytes data, Output& output);
 
+  void sendFirstOption(Output& output);
+  void sendStructuredReplyOption(Output& output);
   void sendOption(Output& output, Option option, Bytes data);
   void sendExportOption(Output& output, Option option, std::string_view name);
   void sendMetaContextOption(Output& output);

@@ -17,6 +17,8 @@ inline constexpr std::uint64_t optionReplyMagic = 0x0003'e889'0455'65a9;
 inline constexpr std::uint32_t requestMagic = 0x2560'9513;
 inline constexpr std::uint32_t simpleReplyMagic = 0x6744'6698;
 inline constexpr std::uint32_t chunkMagic = 0x668e'33ef;  // a chunk of a structured reply
+inline constexpr std::uint32_t extendedRequestMagic = 0x21e4'1c71;
+inline constexpr std::uint32_t extendedChunkMagic = 0x6e8a'278c;
 
 // Sizes in bytes.
 inline constexpr std::size_t greetingSize = 18;
@@ -26,14 +28,26 @@ inline constexpr std::size_t optionReplyHeaderSize = 20;
 inline constexpr std::size_t exportNameReplySize = 10;     // size and transmission flags
 inline constexpr std::size_t exportNamePaddingSize = 124;  // zeroes behind them, unless both agreed on none
 inline constexpr std::size_t requestSize = 28;
+inline constexpr std::size_t extendedRequestSize = 32;
 inline constexpr std::size_t simpleReplySize = 16;
 inline constexpr std::size_t chunkHeaderSize = 20;
-inline constexpr std::size_t offsetDataHeaderSize = chunkHeaderSize + 8;   // the data follow
-inline constexpr std::size_t offsetHoleSize = chunkHeaderSize + 12;        // a whole chunk
-inline constexpr std::size_t blockStatusHeaderSize = chunkHeaderSize + 4;  // the extents follow
-inline constexpr std::size_t extentSize = 8;
-inline constexpr std::size_t errorHeaderSize = chunkHeaderSize + 6;  // the message follows
-inline constexpr std::size_t errorOffsetSize = 8;  // behind the message of an ERROR_OFFSET chunk
+inline constexpr std::size_t extendedChunkHeaderSize = 32;
+
+// What stands in chunks, behind the header.
+inline constexpr std::size_t offsetSize = 8;               // before the data of OFFSET_DATA
+inline constexpr std::size_t holePayloadSize = 12;         // offset and length
+inline constexpr std::size_t errorFixedSize = 6;           // error number and length of the message
+inline constexpr std::size_t blockStatusFixedSize = 4;     // context id
+inline constexpr std::size_t extentSize = 8;               // length and status
+inline constexpr std::size_t extendedStatusFixedSize = 8;  // context id and number of extents
+inline constexpr std::size_t extendedExtentSize = 16;      // length and status
+
+/// What both sides agreed on for the headers of the transmission phase.
+enum class HeaderStyle : std::uint8_t {
+  simple,      // compact requests, simple replies
+  structured,  // compact requests; READ and BLOCK_STATUS are answered in chunks
+  extended,    // requests with 64-bit lengths; every reply is made of chunks that hold them too
+};
 
 enum class Option : std::uint32_t {
   exportName = 1,
@@ -85,7 +99,8 @@ enum class ReplyChunk : std::uint16_t {
   none = 0,
   offsetData = 1,
   offsetHole = 2,
-  blockStatus = 5,
+  blockStatus = 5,          // never with extended headers
+  extendedBlockStatus = 6,  // never without
   error = 0x8001,
   errorOffset = 0x8002,
 };
@@ -122,10 +137,12 @@ inline constexpr std::uint16_t sendFua = 1 << 3;
 inline constexpr std::uint16_t rotational = 1 << 4;
 inline constexpr std::uint16_t sendTrim = 1 << 5;
 inline constexpr std::uint16_t sendWriteZeroes = 1 << 6;
-inline constexpr std::uint16_t sendDf = 1 << 7;  // only with structured replies; the handshake sees to that
+inline constexpr std::uint16_t sendDf = 1 << 7;  // only where replies have chunks; the handshake sees to that
 inline constexpr std::uint16_t canMultiConn = 1 << 8;
 inline constexpr std::uint16_t sendCache = 1 << 10;
 inline constexpr std::uint16_t sendFastZero = 1 << 11;  // requires sendWriteZeroes
+inline constexpr std::uint16_t blockStatusPayload =
+    1 << 12;  // only with extended headers; the handshake sees to that
 }  // namespace TransmissionFlag
 
 namespace CommandFlag {
@@ -134,6 +151,8 @@ inline constexpr std::uint16_t noHole = 1 << 1;
 inline constexpr std::uint16_t df = 1 << 2;
 inline constexpr std::uint16_t reqOne = 1 << 3;
 inline constexpr std::uint16_t fastZero = 1 << 4;
+inline constexpr std::uint16_t payloadLength =
+    1 << 5;  // with extended headers: the length is that of data behind the request
 }  // namespace CommandFlag
 
 namespace ReplyFlag {

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <concepts>
+#include <cstdint>
 #include <cstdlib>
+#include <utility>
 
 namespace Nbd {
 
@@ -10,6 +13,13 @@ constexpr void require(bool promise) {
   if (!promise) [[unlikely]] {
     std::abort();
   }
+}
+
+/// `value` in fewer bits, which the caller knows to be enough.
+template <std::unsigned_integral Narrow>
+[[nodiscard]] constexpr Narrow narrow(std::uint64_t value) {
+  require(std::in_range<Narrow>(value));
+  return static_cast<Narrow>(value);
 }
 
 }  // namespace Nbd

@@ -13,12 +13,12 @@ namespace Nbd {
 
 /// What the handshake tells a client about one export, as it is at that moment.
 struct ExportView {
-  std::string name = {};                      // the canonical one; a string of the protocol (isWireString())
-  std::string description = {};               // for people; likewise, may be empty
-  std::uint64_t size = 0;                     // bytes
-  std::uint16_t transmissionFlags = 0;        // what it can do; clients without structured replies hear no DF
-  std::uint32_t minimumBlock = 1;             // bytes, a power of two up to 65,536
-  std::uint32_t preferredBlock = 4096;        // bytes, a power of two, at least 512 and the minimum
+  std::string name = {};                // the canonical one; a string of the protocol (isWireString())
+  std::string description = {};         // for people; likewise, may be empty
+  std::uint64_t size = 0;               // bytes
+  std::uint16_t transmissionFlags = 0;  // what it can do; who did not agree on the headers for DF hears no DF
+  std::uint32_t minimumBlock = 1;       // bytes, a power of two up to 65,536
+  std::uint32_t preferredBlock = 4096;  // bytes, a power of two, at least 512 and the minimum
   std::uint32_t maximumPayload = maxPayload;  // bytes in one READ or WRITE, at least 1 MiB
   std::shared_ptr<void> handle = {};  // what serves it; kept alive by the agreement, not looked at here
 };

@@ -41,8 +41,8 @@ inline constexpr std::uint32_t maxPayload = 32 * 1024 * 1024;
 // bytes is an attack.
 inline constexpr std::uint32_t maxPayloadDrained = 2 * maxPayload;
 
-// Extents in one BLOCK_STATUS chunk that we send: 64 KiB on the wire. The client asks again where the chunk
-// ends.
+// Extents in one BLOCK_STATUS chunk that we send: 64 KiB on the wire, twice that with extended headers. The
+// client asks again where the chunk ends.
 inline constexpr std::size_t maxExtentsSent = 8192;
 
 // Text in an error chunk that we send: a sentence for people.
@@ -62,8 +62,11 @@ inline constexpr std::uint64_t maxServerHandshakeBytes = std::uint64_t{32} * 102
 // Extents accepted in one chunk: the protocol asks servers to send no more.
 inline constexpr std::size_t maxExtentsReceived = std::size_t{1024} * 1024;
 
-// Payload of a chunk that is not data of a READ: the extents above with their context, or an error with its
-// message.
-inline constexpr std::uint32_t maxChunkOverhead = 4 + 8 * maxExtentsReceived;
+// Payload of an error chunk of a later protocol: the message, and whatever else it may hold.
+inline constexpr std::uint32_t maxUnknownErrorLength = 64 * 1024;
+
+// Pieces of one READ that may lie apart while its chunks arrive. Servers send a reply in order, or as their
+// storage yields it: a few gaps at a time, and a thousand if they ask a thousand disks at once.
+inline constexpr std::size_t maxReadPieces = 1024;
 
 }  // namespace Nbd

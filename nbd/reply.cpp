@@ -1,71 +1,38 @@
 #include "nbd/reply.h"
 
-#include <algorithm>
-
-#include "nbd/contract.h"
-
 namespace Nbd {
 
 namespace {
 
-constexpr std::uint32_t errorFixedLength = 6;  // error number and message length
+// Whether a block status payload of `length` bytes is a fixed part and whole extents, one at least.
+constexpr bool holdsExtents(std::uint64_t length, std::size_t fixed, std::size_t extent) {
+  return length >= fixed + extent && length <= fixed + extent * maxExtentsReceived &&
+         (length - fixed) % extent == 0;
+}
 
-bool lengthIsLegal(const ChunkHeader& header, std::uint32_t maximumPayload) {
-  const std::uint32_t length = header.length;
+bool lengthIsLegal(const ChunkHeader& header, std::uint64_t length, bool isExtended,
+                   std::uint32_t maximumPayload) {
   switch (header.type) {
     case ReplyChunk::none:
       return length == 0 && header.isDone();
     case ReplyChunk::offsetData:
-      return length > 8 && length - 8 <= maximumPayload;
+      return length > offsetSize && length - offsetSize <= maximumPayload;
     case ReplyChunk::offsetHole:
-      return length == 12;
+      return length == holePayloadSize;
     case ReplyChunk::blockStatus:
-      return length >= 4 + extentSize && length <= maxChunkOverhead && (length - 4) % extentSize == 0;
+      return !isExtended && holdsExtents(length, blockStatusFixedSize, extentSize);
+    case ReplyChunk::extendedBlockStatus:
+      return isExtended && holdsExtents(length, extendedStatusFixedSize, extendedExtentSize);
     case ReplyChunk::errorOffset:
-      return length >= errorFixedLength + errorOffsetSize &&
-             length <= errorFixedLength + maxStringLength + errorOffsetSize;
+      return length >= errorFixedSize + offsetSize && length <= errorFixedSize + maxStringLength + offsetSize;
     case ReplyChunk::error:
-      return length >= errorFixedLength && length <= errorFixedLength + maxStringLength;
+      return length >= errorFixedSize && length <= errorFixedSize + maxStringLength;
   }
   // Errors of a later protocol: a message and whatever else, but not without bound.
-  return header.isError() && length >= errorFixedLength && length <= maxChunkOverhead;
+  return header.isError() && length >= errorFixedSize && length <= maxUnknownErrorLength;
 }
 
 }  // namespace
-
-std::size_t encodeBlockStatus(std::span<std::byte> bytes, std::uint64_t cookie, std::uint16_t flags,
-                              std::uint32_t contextId, std::span<const Extent> extents) {
-  const std::size_t size = blockStatusSize(extents.size());
-  require(!extents.empty() && extents.size() <= maxExtentsSent && bytes.size() >= size);
-  encodeChunkHeader(bytes.first<chunkHeaderSize>(), cookie, flags, ReplyChunk::blockStatus,
-                    static_cast<std::uint32_t>(size - chunkHeaderSize));
-  storeBig<std::uint32_t>(bytes.subspan<chunkHeaderSize, 4>(), contextId);
-  std::span<std::byte> rest = bytes.subspan(blockStatusHeaderSize);
-  for (const Extent& extent : extents) {
-    storeBig<std::uint32_t>(rest.subspan<0, 4>(), extent.length);
-    storeBig<std::uint32_t>(rest.subspan<4, 4>(), extent.status);
-    rest = rest.subspan(extentSize);
-  }
-  return size;
-}
-
-std::size_t encodeError(std::span<std::byte, maxErrorChunkSize> bytes, std::uint64_t cookie,
-                        std::uint16_t flags, Error error, std::string_view message,
-                        std::optional<std::uint64_t> offset) {
-  require(error != Error::none);
-  const std::string_view text = truncateUtf8(message, maxErrorMessageSent);
-  const std::size_t size = errorHeaderSize + text.size() + (offset ? errorOffsetSize : 0);
-  encodeChunkHeader(bytes.first<chunkHeaderSize>(), cookie, flags,
-                    offset ? ReplyChunk::errorOffset : ReplyChunk::error,
-                    static_cast<std::uint32_t>(size - chunkHeaderSize));
-  storeBig<Error>(bytes.subspan<chunkHeaderSize, 4>(), error);
-  storeBig<std::uint16_t>(bytes.subspan<chunkHeaderSize + 4, 2>(), static_cast<std::uint16_t>(text.size()));
-  std::ranges::copy(std::as_bytes(std::span(text)), bytes.begin() + errorHeaderSize);
-  if (offset) {
-    storeBig<std::uint64_t>(bytes.subspan(errorHeaderSize + text.size()).first<errorOffsetSize>(), *offset);
-  }
-  return size;
-}
 
 std::optional<ChunkHeader> decodeChunkHeader(std::span<const std::byte, chunkHeaderSize> bytes,
                                              std::uint32_t maximumPayload) {
@@ -74,7 +41,20 @@ std::optional<ChunkHeader> decodeChunkHeader(std::span<const std::byte, chunkHea
                            .type = loadBig<ReplyChunk>(bytes.subspan<6, 2>()),
                            .cookie = loadBig<std::uint64_t>(bytes.subspan<8, 8>()),
                            .length = loadBig<std::uint32_t>(bytes.subspan<16, 4>())};
-  if (!lengthIsLegal(header, maximumPayload)) return std::nullopt;
+  if (!lengthIsLegal(header, header.length, false, maximumPayload)) return std::nullopt;
+  return header;
+}
+
+std::optional<ChunkHeader> decodeExtendedChunkHeader(
+    std::span<const std::byte, extendedChunkHeaderSize> bytes, std::uint32_t maximumPayload) {
+  if (loadBig<std::uint32_t>(bytes.subspan<0, 4>()) != extendedChunkMagic) return std::nullopt;
+  const auto length = loadBig<std::uint64_t>(bytes.subspan<24, 8>());
+  const ChunkHeader header{.flags = loadBig<std::uint16_t>(bytes.subspan<4, 2>()),
+                           .type = loadBig<ReplyChunk>(bytes.subspan<6, 2>()),
+                           .cookie = loadBig<std::uint64_t>(bytes.subspan<8, 8>()),
+                           .requestOffset = loadBig<std::uint64_t>(bytes.subspan<16, 8>()),
+                           .length = static_cast<std::uint32_t>(length)};
+  if (!lengthIsLegal(header, length, true, maximumPayload)) return std::nullopt;
   return header;
 }
 
@@ -86,20 +66,44 @@ std::optional<Hole> decodeOffsetHole(Bytes payload) {
   return Hole{.offset = *offset, .length = *length};
 }
 
-std::optional<std::uint32_t> decodeBlockStatus(Bytes payload, std::vector<Extent>& extents) {
+std::optional<std::uint32_t> decodeBlockStatus(ReplyChunk type, Bytes payload, std::vector<Extent>& extents) {
   extents.clear();
+  const bool isExtended = type == ReplyChunk::extendedBlockStatus;
+  const std::size_t sizeOfOne = isExtended ? extendedExtentSize : extentSize;
   Reader reader(payload);
   const auto contextId = reader.number<std::uint32_t>();
-  if (!contextId || reader.atEnd() || reader.remaining() > extentSize * maxExtentsReceived)
+  std::optional<std::uint32_t> announced;
+  if (isExtended) announced = reader.number<std::uint32_t>();
+  const std::size_t count = reader.remaining() / sizeOfOne;
+  if (!contextId || count == 0 || count > maxExtentsReceived || reader.remaining() % sizeOfOne != 0 ||
+      (isExtended && announced != count)) {
     return std::nullopt;
-  extents.reserve(reader.remaining() / extentSize);
+  }
+  extents.reserve(count);
   while (!reader.atEnd()) {
-    const auto length = reader.number<std::uint32_t>();
-    const auto status = reader.number<std::uint32_t>();
-    if (!length || !status || *length == 0) return std::nullopt;
-    extents.push_back({.length = *length, .status = *status});
+    Extent extent;
+    if (isExtended) {
+      extent = {.length = *reader.number<std::uint64_t>(), .status = *reader.number<std::uint64_t>()};
+    } else {
+      extent = {.length = *reader.number<std::uint32_t>(), .status = *reader.number<std::uint32_t>()};
+    }
+    if (extent.length == 0) return std::nullopt;
+    extents.push_back(extent);
   }
   return contextId;
+}
+
+bool isAnswer(const Request& request, std::span<const Extent> extents) {
+  if (extents.empty()) return false;
+  if ((request.flags & CommandFlag::reqOne) != 0) {
+    return extents.size() == 1 && extents.front().length <= request.length;
+  }
+  std::uint64_t left = request.length;
+  for (const Extent& extent : extents.first(extents.size() - 1)) {
+    if (extent.length >= left) return false;
+    left -= extent.length;
+  }
+  return true;
 }
 
 std::optional<ErrorChunk> decodeError(ReplyChunk type, Bytes payload) {

@@ -77,6 +77,7 @@ const ServerHandshake::OptionRow ServerHandshake::optionTable[] = {
     {Option::structuredReply, false, &ServerHandshake::structuredReply},
     {Option::listMetaContext, true, &ServerHandshake::listMetaContext},
     {Option::setMetaContext, true, &ServerHandshake::setMetaContext},
+    {Option::extendedHeaders, false, &ServerHandshake::extendedHeaders},
 };
 
 const ServerHandshake::OptionRow* ServerHandshake::findOption(Option option) {
@@ -90,7 +91,7 @@ ExportLimits ServerHandshake::Agreement::limits() const {
           .minimumBlock = exportView.minimumBlock,
           .maximumPayload = exportView.maximumPayload,
           .maximumUnfragmented = exportView.maximumPayload,
-          .structuredReplies = structuredReplies,
+          .headers = headers,
           .blockStatus = allocationContext.has_value()};
 }
 
@@ -230,11 +231,12 @@ void ServerHandshake::answerDrained(Output& output) {
 // --- Options
 // -----------------------------------------------------------------------------------------------------
 
-// The one option that cannot be refused: its only answer is the export.
+// The one option that cannot be refused: its only answer is the export. Who has agreed on extended headers
+// must not send it.
 void ServerHandshake::exportName(Bytes data, Output& output) {
   const std::string_view name = asText(data);
   std::optional<ExportView> view;
-  if (isWireString(name)) view = directory_->find(name);
+  if (isWireString(name) && agreement_.headers != HeaderStyle::extended) view = directory_->find(name);
   if (!view) {
     state_ = State::failed;
     return;
@@ -340,7 +342,21 @@ void ServerHandshake::structuredReply(Bytes, Output& output) {
     refuse(output, ReplyType::unsupported, "structured replies are off");
     return;
   }
-  agreement_.structuredReplies = true;
+  if (agreement_.headers == HeaderStyle::extended) {
+    refuse(output, ReplyType::extendedHeadersRequired, "extended headers were agreed on");
+    return;
+  }
+  agreement_.headers = HeaderStyle::structured;
+  acknowledge(output);
+}
+
+// Takes the place of structured replies, whether or not they were agreed on before.
+void ServerHandshake::extendedHeaders(Bytes, Output& output) {
+  if (!policy_.extendedHeaders) {
+    refuse(output, ReplyType::unsupported, "extended headers are off");
+    return;
+  }
+  agreement_.headers = HeaderStyle::extended;
   acknowledge(output);
 }
 
@@ -361,8 +377,8 @@ std::optional<ServerHandshake::ContextRequest> ServerHandshake::readContextReque
     return std::nullopt;
   };
   constexpr std::string_view malformed = "malformed request for metadata contexts";
-  if (!agreement_.structuredReplies)
-    return refused(ReplyType::invalid, "structured replies must be agreed on first");
+  if (agreement_.headers == HeaderStyle::simple)
+    return refused(ReplyType::invalid, "structured replies or extended headers must be agreed on first");
   Reader reader(data);
   const std::optional<std::string_view> name = readString(reader);
   if (!name) return refused(ReplyType::invalid, malformed);
@@ -422,7 +438,9 @@ void ServerHandshake::enterTransmission(ExportView view, std::string_view reques
 }
 
 std::uint16_t ServerHandshake::toldFlags(const ExportView& view) const {
-  const int withheld = agreement_.structuredReplies ? 0 : TransmissionFlag::sendDf;
+  const int withheld =
+      (agreement_.headers == HeaderStyle::simple ? TransmissionFlag::sendDf : 0) |
+      (agreement_.headers == HeaderStyle::extended ? 0 : TransmissionFlag::blockStatusPayload);
   return static_cast<std::uint16_t>((view.transmissionFlags | TransmissionFlag::hasFlags) & ~withheld);
 }
 

@@ -42,6 +42,7 @@ class ServerHandshake {
   struct Policy {
     bool noZeroes = true;           // agree to leave out the padding behind EXPORT_NAME's answer
     bool structuredReplies = true;  // and with them metadata contexts
+    bool extendedHeaders = true;    // likewise
     bool listing = true;            // answer LIST; otherwise it is forbidden
   };
 
@@ -60,8 +61,8 @@ class ServerHandshake {
 
   /// What both sides agreed on; complete in State::transmission.
   struct Agreement {
-    ExportView exportView;             // as its transmissionFlags were told to the client
-    bool structuredReplies = false;    // READ and BLOCK_STATUS are answered in chunks
+    ExportView exportView;  // as its transmissionFlags were told to the client
+    HeaderStyle headers = HeaderStyle::simple;
     bool noZeroes = false;             // both sides agreed (of interest to EXPORT_NAME alone)
     bool blockSizesRequested = false;  // the client asked for the block sizes and is bound to them
     std::optional<std::uint32_t>
@@ -107,6 +108,7 @@ class ServerHandshake {
   void info(Bytes data, Output& output);
   void go(Bytes data, Output& output);
   void structuredReply(Bytes data, Output& output);
+  void extendedHeaders(Bytes data, Output& output);
   void listMetaContext(Bytes data, Output& output);
   void setMetaContext(Bytes data, Output& output);
 

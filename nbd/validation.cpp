@@ -45,8 +45,19 @@ const CommandRule* findRule(Command command) {
 
 bool has(std::uint16_t flags, std::uint16_t flag) { return (flags & flag) != 0; }
 
+// With extended headers a WRITE says that data follow, and BLOCK_STATUS may; nothing else has a payload.
+bool payloadFlagIsLegal(const Request& request, const ExportLimits& limits) {
+  const bool hasPayload = has(request.flags, CommandFlag::payloadLength);
+  if (limits.headers != HeaderStyle::extended) return !hasPayload;
+  if (request.type == Command::write) return hasPayload;
+  const bool mayHave = request.type == Command::blockStatus &&
+                       has(limits.transmissionFlags, TransmissionFlag::blockStatusPayload);
+  return mayHave || !hasPayload;
+}
+
 bool flagsAreLegal(const Request& request, const CommandRule& rule, const ExportLimits& limits) {
-  const int known = rule.flags | CommandFlag::fua;
+  if (!payloadFlagIsLegal(request, limits)) return false;
+  const int known = rule.flags | CommandFlag::fua | CommandFlag::payloadLength;
   if ((request.flags & ~known) != 0) return false;
   for (const FlagRule& flag : flagRules) {
     if (has(request.flags, flag.flag) && !has(limits.transmissionFlags, flag.advertised)) return false;
@@ -85,9 +96,15 @@ std::optional<Error> validateFully(const Request& request, const ExportLimits& l
     if (request.offset != 0 || request.length != 0) return Error::inval;
     return std::nullopt;
   }
-  // A reply must hold an extent that is not empty: there is none for an empty range.
-  if (request.type == Command::blockStatus && (!limits.blockStatus || request.length == 0))
-    return Error::inval;
+  if (request.type == Command::blockStatus) {
+    if (!limits.blockStatus) return Error::inval;
+    if (has(request.flags, CommandFlag::payloadLength)) {
+      // More ids than there are contexts repeat one or name none; the range is in the payload.
+      return request.length == statusFilterSize(1) ? std::nullopt : std::optional(Error::inval);
+    }
+    // A reply must hold an extent that is not empty: there is none for an empty range.
+    if (request.length == 0) return Error::inval;
+  }
   if (const std::optional<Error> error = checkPayload(request, limits)) return error;
   return checkRange(request, limits);
 }

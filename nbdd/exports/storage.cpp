@@ -50,7 +50,8 @@ std::uint16_t Storage::transmissionFlags() const {
   using namespace Nbd::TransmissionFlag;
   // One Storage serves all connections through the page cache, so a flush on one covers all the others:
   // CAN_MULTI_CONN is kept.
-  constexpr unsigned int always = hasFlags | sendFlush | sendFua | sendDf | canMultiConn | sendCache;
+  constexpr unsigned int always =
+      hasFlags | sendFlush | sendFua | sendDf | canMultiConn | sendCache | blockStatusPayload;
   constexpr unsigned int writable = sendTrim | sendWriteZeroes | sendFastZero;
   return static_cast<std::uint16_t>(always | (readOnly() ? Nbd::TransmissionFlag::readOnly : writable) |
                                     (node_.rotational ? rotational : 0U));

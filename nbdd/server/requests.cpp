@@ -12,7 +12,7 @@
 #include <coroutine>
 #include <utility>
 
-#include "nbd/reply.h"
+#include "nbd/reply_encoder.h"
 #include "nbdd/exports/allocation.h"
 #include "nbdd/limits.h"
 #include "nbdd/server/read_shape.h"
@@ -221,18 +221,17 @@ Io::Task<void> Transmission::readSlowly(Request request) {
     co_await looking;
   }
   // The whole reply is put together before any of it is sent: a failure halfway is still an error of its own.
-  const std::size_t overhead = runs.size() * std::max(readHeaderSize(), Nbd::offsetHoleSize);
+  const std::size_t overhead = runs.size() * std::max(replies_.dataHeaderSize(), replies_.holeSize());
   Io::Buffer buffer = worker_.buffers().take(overhead + dataLength(runs));
   std::size_t used = 0;
   std::uint64_t transferred = 0;
   std::uint64_t offset = request.offset;
   for (const AllocationRun& run : runs) {
-    const auto length = static_cast<std::uint32_t>(run.length);
     const std::uint16_t flags = &run == &runs.back() ? Nbd::ReplyFlag::done : std::uint16_t{0};
     const std::span<std::byte> room = buffer.bytes().subspan(used);
     bool hole = run.hole;
     if (!hole) {
-      const std::span<std::byte> data = room.subspan(readHeaderSize(), length);
+      const std::span<std::byte> data = room.subspan(replies_.dataHeaderSize(), run.length);
       Io::Task<int> reading = readAll(worker_.files(), file, data, offset);
       const int error = co_await reading;
       if (error != 0) {
@@ -242,14 +241,12 @@ Io::Task<void> Transmission::readSlowly(Request request) {
       hole = mayAnswerWithHoles(request) && isZero(data);
     }
     if (hole) {
-      Nbd::encodeOffsetHole(room.first<Nbd::offsetHoleSize>(), request.cookie, flags, offset, length);
-      used += Nbd::offsetHoleSize;
+      used += replies_.hole(room, request, flags, offset, run.length);
     } else {
-      encodeReadHeader(room.first(readHeaderSize()), request, offset, length, flags);
-      used += readHeaderSize() + length;
-      transferred += length;
+      used += replies_.dataHeader(room, request, flags, offset, run.length) + run.length;
+      transferred += run.length;
     }
-    offset += length;
+    offset += run.length;
   }
   publication_->counters->addSent({.transfers = 1, .bytes = request.length, .bytesTransferred = transferred});
   sender_.post(std::move(buffer), used, std::move(share));
@@ -361,17 +358,17 @@ Io::Task<void> Transmission::blockStatusSlowly(Request request) {
   std::vector<Nbd::Extent> extents;
   extents.reserve(runs->size());
   for (const AllocationRun& run : *runs) {
-    extents.push_back({.length = static_cast<std::uint32_t>(run.length), .status = extentStatus(run)});
+    extents.push_back({.length = run.length, .status = extentStatus(run)});
   }
-  Io::Buffer buffer = worker_.buffers().take(Nbd::blockStatusSize(extents.size()));
-  const std::size_t size = Nbd::encodeBlockStatus(buffer.bytes(), request.cookie, Nbd::ReplyFlag::done,
-                                                  allocationContext_.value_or(0), extents);
+  Io::Buffer buffer = worker_.buffers().take(replies_.blockStatusSize(extents.size()));
+  const std::size_t size = replies_.blockStatus(buffer.bytes(), request, Nbd::ReplyFlag::done,
+                                                allocationContext_.value_or(0), extents);
   sender_.post(std::move(buffer), size);
 }
 
 void Transmission::postReply(const Request& request, int error) {
   logFailure(request, error);
-  std::array<std::byte, Nbd::maxErrorChunkSize> bytes;
+  std::array<std::byte, Nbd::ReplyEncoder::maxVerdictSize> bytes;
   sender_.post(std::span(bytes).first(encodeReply(bytes, request, wireError(error))));
 }
 

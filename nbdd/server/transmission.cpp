@@ -11,7 +11,6 @@
 #include <system_error>
 #include <utility>
 
-#include "nbd/reply.h"
 #include "nbd/validation.h"
 #include "nbdd/exports/allocation.h"
 #include "nbdd/limits.h"
@@ -84,6 +83,7 @@ Transmission::Transmission(Worker& worker, Io::Stream& stream, Sender& sender,
       sender_(sender),
       publication_(std::move(publication)),
       limits_(agreement.limits()),
+      replies_(limits_.headers),
       allocationContext_(agreement.allocationContext),
       batch_(worker.replyMemory(), sender),
       room_(worker.loop()) {}
@@ -182,7 +182,7 @@ std::size_t Transmission::execute(std::span<const std::byte> input) {
   carriedIsRunnable_ = false;
   while (!over_ && !incoming_) {
     if (!hasRoom()) {
-      carriedIsRunnable_ = input.size() - used >= Nbd::requestSize;
+      carriedIsRunnable_ = input.size() - used >= Nbd::requestSizeOf(limits_.headers);
       break;
     }
     const std::size_t taken = executeOne(input.subspan(used));
@@ -201,10 +201,14 @@ std::size_t Transmission::executeOne(std::span<const std::byte> input) {
     drain_ -= count;
     return count;
   }
-  if (input.size() < Nbd::requestSize) {
+  const std::size_t headerSize = Nbd::requestSizeOf(limits_.headers);
+  if (input.size() < headerSize) {
     return 0;
   }
-  const std::optional<Request> request = Nbd::decodeRequest(input.first<Nbd::requestSize>());
+  const std::optional<Request> request =
+      limits_.headers == Nbd::HeaderStyle::extended
+          ? Nbd::decodeExtendedRequest(input.first<Nbd::extendedRequestSize>())
+          : Nbd::decodeRequest(input.first<Nbd::requestSize>());
   if (!request) {
     over();
     return 0;
@@ -212,24 +216,48 @@ std::size_t Transmission::executeOne(std::span<const std::byte> input) {
   if (const std::optional<Nbd::Error> error = Nbd::validate(*request, limits_)) {
     return refuse(*request, *error);
   }
-  if (request->type != Nbd::Command::write) {
-    carryOut(*request);
-    return Nbd::requestSize;
+  if (request->type == Nbd::Command::write) {
+    return executeWrite(*request, input.subspan(headerSize));
   }
-  const std::span<const std::byte> behind = input.subspan(Nbd::requestSize);
-  if (behind.size() >= request->length) {
-    if (!reserveMemory(*request)) {
+  if (Nbd::payloadLength(*request, limits_.headers) > 0) [[unlikely]] {
+    return executeFiltered(*request, input.subspan(headerSize));
+  }
+  carryOut(*request);
+  return headerSize;
+}
+
+/// A write, and what has arrived behind it. Returns as executeOne.
+std::size_t Transmission::executeWrite(const Request& request, std::span<const std::byte> payload) {
+  const std::size_t headerSize = Nbd::requestSizeOf(limits_.headers);
+  if (payload.size() >= request.length) {
+    if (!reserveMemory(request)) {
       carriedIsRunnable_ = true;
       return 0;
     }
-    write(*request, behind.first(request->length));
-    return Nbd::requestSize + request->length;
+    write(request, payload.first(request.length));
+    return headerSize + request.length;
   }
-  if (request->length <= collectedPayload) {
+  if (request.length <= collectedPayload) {
     return 0;
   }
-  incoming_ = *request;
-  return Nbd::requestSize;
+  incoming_ = request;
+  return headerSize;
+}
+
+/// A request for the status of some contexts alone, and what has arrived behind it. Returns as executeOne.
+std::size_t Transmission::executeFiltered(const Request& request, std::span<const std::byte> payload) {
+  if (payload.size() < request.length) {
+    return 0;
+  }
+  const std::optional<Request> plain =
+      Nbd::applyStatusFilter(request, payload.first(request.length), allocationContext_.value_or(0));
+  const std::optional<Nbd::Error> error = plain ? Nbd::validate(*plain, limits_) : Nbd::Error::inval;
+  if (error) {
+    reply(request, *error);
+  } else {
+    carryOut(*plain);
+  }
+  return Nbd::requestSizeOf(limits_.headers) + request.length;
 }
 
 /// Whether the memory for a write that has to wait for storage is there. If not, the connection waits for it.
@@ -248,13 +276,13 @@ bool Transmission::mustWait(const Request& request) const {
 }
 
 std::size_t Transmission::refuse(const Request& request, Nbd::Error error) {
-  if (!Nbd::payloadIsDrained(request)) {
+  if (!Nbd::payloadIsDrained(request, limits_)) {
     over();
     return 0;
   }
   reply(request, error);
-  drain_ = Nbd::payloadLength(request);
-  return Nbd::requestSize;
+  drain_ = Nbd::payloadLength(request, limits_.headers);
+  return Nbd::requestSizeOf(limits_.headers);
 }
 
 void Transmission::carryOut(const Request& request) {
@@ -278,10 +306,10 @@ void Transmission::carryOut(const Request& request) {
       begin(0, writeZeroesSlowly(request));
       break;
     case Nbd::Command::blockStatus:
-      begin(Nbd::blockStatusSize(Limits::extentsPerReply), blockStatusSlowly(request));
+      begin(replies_.blockStatusSize(Limits::extentsPerReply), blockStatusSlowly(request));
       break;
     case Nbd::Command::write:
-      std::terminate();  // taken with its data, in executeOne
+      std::terminate();  // taken with its data, in executeWrite
   }
 }
 
@@ -385,29 +413,15 @@ void Transmission::read(const Request& request) {
   }
 }
 
-std::size_t Transmission::readHeaderSize() const {
-  return limits_.structuredReplies ? Nbd::offsetDataHeaderSize : Nbd::simpleReplySize;
-}
-
-/// The header of a simple reply, or of a chunk of data of a structured one.
-void Transmission::encodeReadHeader(std::span<std::byte> header, const Request& request, std::uint64_t offset,
-                                    std::uint32_t length, std::uint16_t flags) const {
-  if (limits_.structuredReplies) {
-    Nbd::encodeOffsetData(header.first<Nbd::offsetDataHeaderSize>(), request.cookie, flags, offset, length);
-  } else {
-    Nbd::encodeSimpleReply(header.first<Nbd::simpleReplySize>(), request.cookie);
-  }
-}
-
 /// Never for a few bytes: the chunk that tells of a hole would be larger than the data.
 bool Transmission::mayAnswerWithHoles(const Request& request) const {
-  return limits_.structuredReplies && (request.flags & Nbd::CommandFlag::df) == 0 &&
-         request.length >= Nbd::offsetHoleSize;
+  return replies_.hasChunks() && (request.flags & Nbd::CommandFlag::df) == 0 &&
+         request.length >= replies_.holeSize();
 }
 
 /// Reads into the batch of replies without waiting for a device. False: that is not possible.
 bool Transmission::readFromMemory(const Request& request) {
-  const std::size_t headerSize = readHeaderSize();
+  const std::size_t headerSize = replies_.dataHeaderSize();
   const std::span<std::byte> room = batch_.reserve(headerSize + request.length);
   const std::span<std::byte> data = room.subspan(headerSize);
   const iovec target{.iov_base = data.data(), .iov_len = data.size()};
@@ -417,13 +431,11 @@ bool Transmission::readFromMemory(const Request& request) {
     return false;
   }
   if (mayAnswerWithHoles(request) && isZero(data)) {
-    Nbd::encodeOffsetHole(room.first<Nbd::offsetHoleSize>(), request.cookie, Nbd::ReplyFlag::done,
-                          request.offset, request.length);
-    batch_.commit(Nbd::offsetHoleSize);
+    batch_.commit(replies_.hole(room, request, Nbd::ReplyFlag::done, request.offset, request.length));
     countSent(request.length, 0);
     return true;
   }
-  encodeReadHeader(room.first(headerSize), request, request.offset, request.length, Nbd::ReplyFlag::done);
+  replies_.dataHeader(room, request, Nbd::ReplyFlag::done, request.offset, request.length);
   batch_.commit(headerSize + request.length);
   countSent(request.length, request.length);
   return true;
@@ -441,19 +453,17 @@ void Transmission::readBySendFile(const Request& request) {
       {.transfers = 1, .bytes = request.length, .bytesTransferred = dataLength(runs)});
   std::uint64_t offset = request.offset;
   for (const AllocationRun& run : runs) {
-    const auto length = static_cast<std::uint32_t>(run.length);
     const std::uint16_t flags = &run == &runs.back() ? Nbd::ReplyFlag::done : std::uint16_t{0};
     if (run.hole) {
-      const std::span<std::byte> room = batch_.reserve(Nbd::offsetHoleSize);
-      Nbd::encodeOffsetHole(room.first<Nbd::offsetHoleSize>(), request.cookie, flags, offset, length);
-      batch_.commit(Nbd::offsetHoleSize);
+      const std::span<std::byte> room = batch_.reserve(replies_.holeSize());
+      batch_.commit(replies_.hole(room, request, flags, offset, run.length));
     } else {
-      encodeReadHeader(batch_.reserve(readHeaderSize()), request, offset, length, flags);
-      batch_.commit(readHeaderSize());
+      const std::span<std::byte> room = batch_.reserve(replies_.dataHeaderSize());
+      batch_.commit(replies_.dataHeader(room, request, flags, offset, run.length));
       batch_.send(true);
-      sender_.sendFile(publication_->storage, offset, length);
+      sender_.sendFile(publication_->storage, offset, run.length);
     }
-    offset += length;
+    offset += run.length;
   }
 }
 
@@ -492,8 +502,8 @@ void Transmission::countSent(std::uint64_t bytes, std::uint64_t transferred) {
 }
 
 void Transmission::reply(const Request& request, Nbd::Error error) {
-  const std::span<std::byte> room = batch_.reserve(Nbd::maxErrorChunkSize);
-  batch_.commit(encodeReply(room.first<Nbd::maxErrorChunkSize>(), request, error));
+  const std::span<std::byte> room = batch_.reserve(Nbd::ReplyEncoder::maxVerdictSize);
+  batch_.commit(encodeReply(room, request, error));
 }
 
 /// What the storage refused is of interest to the operator; a fast zeroing that would be slow is not.
@@ -506,17 +516,10 @@ void Transmission::logFailure(const Request& request, int error) const {
 }
 
 /// A whole reply without data. Returns its size.
-std::size_t Transmission::encodeReply(std::span<std::byte, Nbd::maxErrorChunkSize> bytes,
-                                      const Request& request, Nbd::Error error) const {
-  if (limits_.structuredReplies && error != Nbd::Error::none) {
-    return Nbd::encodeError(bytes, request.cookie, Nbd::ReplyFlag::done, error);
-  }
-  if (limits_.structuredReplies && request.type == Nbd::Command::read) {
-    Nbd::encodeNone(bytes.first<Nbd::chunkHeaderSize>(), request.cookie);
-    return Nbd::chunkHeaderSize;
-  }
-  Nbd::encodeSimpleReply(bytes.first<Nbd::simpleReplySize>(), request.cookie, error);
-  return Nbd::simpleReplySize;
+std::size_t Transmission::encodeReply(std::span<std::byte> bytes, const Request& request,
+                                      Nbd::Error error) const {
+  return error == Nbd::Error::none ? replies_.success(bytes, request)
+                                   : replies_.failure(bytes, request, error);
 }
 
 }  // namespace Nbdd

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "nbd/constants.h"
-#include "nbd/reply.h"
+#include "nbd/reply_encoder.h"
 #include "nbd/request.h"
 #include "nbd/server_handshake.h"
 #include "nbdd/exports/publication.h"
@@ -51,6 +51,8 @@ class Transmission {
   std::optional<std::span<const std::byte>> takeInput();
   std::size_t execute(std::span<const std::byte> input);
   std::size_t executeOne(std::span<const std::byte> input);
+  std::size_t executeWrite(const Request& request, std::span<const std::byte> payload);
+  std::size_t executeFiltered(const Request& request, std::span<const std::byte> payload);
   std::size_t refuse(const Request& request, Nbd::Error error);
   bool reserveMemory(const Request& request);
   bool mustWait(const Request& request) const;
@@ -90,11 +92,7 @@ class Transmission {
   void reply(const Request& request, Nbd::Error error);  // within a turn
   void logFailure(const Request& request, int error) const;
   void postReply(const Request& request, int error);  // from a coroutine; 0 or a positive errno
-  std::size_t encodeReply(std::span<std::byte, Nbd::maxErrorChunkSize> bytes, const Request& request,
-                          Nbd::Error error) const;
-  std::size_t readHeaderSize() const;
-  void encodeReadHeader(std::span<std::byte> header, const Request& request, std::uint64_t offset,
-                        std::uint32_t length, std::uint16_t flags) const;
+  std::size_t encodeReply(std::span<std::byte> bytes, const Request& request, Nbd::Error error) const;
   bool mayAnswerWithHoles(const Request& request) const;
   void countSent(std::uint64_t bytes, std::uint64_t transferred);
 
@@ -105,6 +103,7 @@ class Transmission {
   Sender& sender_;
   const std::shared_ptr<const Publication> publication_;
   const Nbd::ExportLimits limits_;
+  const Nbd::ReplyEncoder replies_;
   const std::optional<std::uint32_t> allocationContext_;
 
   ReplyBatch batch_;                  // of this turn
@@ -112,7 +111,7 @@ class Transmission {
   TransferCounters::Batch sent_;      // of this turn
   Io::Buffer carried_;                // arrived, but not carried out yet
   bool carriedIsRunnable_ = false;    // it starts with a whole request
-  std::uint64_t drain_ = 0;           // bytes of a refused write still to be read past
+  std::uint64_t drain_ = 0;           // bytes of a refused request's data still to be read past
   std::optional<Request> incoming_;   // a large write whose data are arriving
   std::size_t inFlight_ = 0;          // requests that wait for storage
   std::size_t inFlightBytes_ = 0;

@@ -69,7 +69,7 @@ TEST(ClientHandshake, AsksForEverythingInOrder) {
   const ClientHandshake::Agreement& agreement = conversation.handshake.agreement();
   EXPECT_EQ(agreement.remote.size, 1'000'000U);
   EXPECT_EQ(agreement.remote.transmissionFlags, 7);
-  EXPECT_TRUE(agreement.structuredReplies);
+  EXPECT_EQ(agreement.headers, Nbd::HeaderStyle::structured);
   EXPECT_EQ(agreement.allocationContext, 42U);
   EXPECT_TRUE(agreement.limits().blockStatus);
 }
@@ -79,8 +79,51 @@ TEST(ClientHandshake, DoesWithoutWhatTheServerLacks) {
       {.exportName = "disk"},
       join({greeting(1), reply(Option::structuredReply, ReplyType::unsupported), acknowledgeGo}));
   EXPECT_EQ(conversation.outcome.state, State::transmission);
-  EXPECT_FALSE(conversation.handshake.agreement().structuredReplies);
+  EXPECT_EQ(conversation.handshake.agreement().headers, Nbd::HeaderStyle::simple);
   EXPECT_EQ(conversation.handshake.agreement().allocationContext, std::nullopt);
+}
+
+const Buffer acknowledgeExtended = reply(Option::extendedHeaders, ReplyType::ack);
+
+TEST(ClientHandshake, ExtendedHeadersTakeThePlaceOfStructuredReplies) {
+  const Conversation conversation({.exportName = "disk", .extendedHeaders = true},
+                                  join({greeting(), acknowledgeExtended, acknowledgeContext, acknowledgeGo}));
+  EXPECT_EQ(conversation.outcome.state, State::transmission);
+  EXPECT_EQ(conversation.outcome.output,
+            join({number(std::uint32_t{3}), option(Option::extendedHeaders),
+                  option(Option::setMetaContext, Wire::contextData("disk", {"base:allocation"})),
+                  option(Option::go, wantedOfDisk)}));
+  EXPECT_EQ(conversation.handshake.agreement().headers, Nbd::HeaderStyle::extended);
+  EXPECT_EQ(conversation.handshake.agreement().limits().headers, Nbd::HeaderStyle::extended);
+  EXPECT_EQ(conversation.handshake.agreement().allocationContext, 42U);
+}
+
+TEST(ClientHandshake, WithoutExtendedHeadersThereAreStructuredReplies) {
+  for (const ReplyType refusal : {ReplyType::unsupported, ReplyType::policy, ReplyType::invalid}) {
+    const Conversation conversation({.exportName = "disk", .extendedHeaders = true},
+                                    join({greeting(), reply(Option::extendedHeaders, refusal),
+                                          acknowledgeStructured, acknowledgeContext, acknowledgeGo}));
+    EXPECT_EQ(conversation.outcome.state, State::transmission);
+    EXPECT_EQ(conversation.handshake.agreement().headers, Nbd::HeaderStyle::structured);
+    EXPECT_EQ(conversation.handshake.agreement().allocationContext, 42U);
+  }
+}
+
+TEST(ClientHandshake, WithoutEitherItGoesOnPlainly) {
+  const Conversation conversation(
+      {.exportName = "disk", .extendedHeaders = true, .structuredReplies = false},
+      join({greeting(), reply(Option::extendedHeaders, ReplyType::unsupported), acknowledgeGo}));
+  EXPECT_EQ(conversation.outcome.state, State::transmission);
+  EXPECT_EQ(conversation.handshake.agreement().headers, Nbd::HeaderStyle::simple);
+}
+
+// EXPORT_NAME would be a breach of the protocol by then.
+TEST(ClientHandshake, DoesNotFallBackToExportNameBehindExtendedHeaders) {
+  const Conversation conversation(
+      {.exportName = "disk", .extendedHeaders = true, .allocationContext = false},
+      join({greeting(), acknowledgeExtended, reply(Option::go, ReplyType::unsupported)}));
+  EXPECT_EQ(conversation.outcome.state, State::failed);
+  EXPECT_TRUE(conversation.handshake.failure().isRefusal);
 }
 
 TEST(ClientHandshake, ARefusedContextIsNotSelected) {
@@ -90,7 +133,7 @@ TEST(ClientHandshake, ARefusedContextIsNotSelected) {
                                               join({number(std::uint32_t{42}), text("base:allocation")})),
                                         reply(Option::setMetaContext, ReplyType::tooBig), acknowledgeGo}));
   EXPECT_EQ(conversation.outcome.state, State::transmission);
-  EXPECT_TRUE(conversation.handshake.agreement().structuredReplies);
+  EXPECT_EQ(conversation.handshake.agreement().headers, Nbd::HeaderStyle::structured);
   EXPECT_EQ(conversation.handshake.agreement().allocationContext, std::nullopt);
 }
 

@@ -11,6 +11,7 @@
 namespace {
 
 using Nbd::ClientHandshake;
+using Nbd::HeaderStyle;
 using Nbd::InfoType;
 using Nbd::Option;
 using Nbd::ServerHandshake;
@@ -37,7 +38,8 @@ rc::Gen<Buffer> options() {
   const auto queries =
       rc::gen::container<Context>(rc::gen::element<std::string>("base:", "base:allocation", "x:y", "no"));
   return rc::gen::oneOf(
-      rc::gen::just(Wire::option(Option::structuredReply)), rc::gen::just(Wire::option(Option::list)),
+      rc::gen::just(Wire::option(Option::structuredReply)),
+      rc::gen::just(Wire::option(Option::extendedHeaders)), rc::gen::just(Wire::option(Option::list)),
       rc::gen::apply(
           [](const std::string& name) {
             return Wire::option(Option::info, Wire::infoData(name, {InfoType::name}));
@@ -102,6 +104,7 @@ RC_GTEST_PROP(ServerHandshakeProperty, AnySplitOfTheInputGivesTheSame, ()) {
   RC_ASSERT(outcome.consumed == expected.consumed);
   RC_ASSERT(outcome.state == expected.state);
   RC_ASSERT(split.agreement().exportView.name == whole.agreement().exportView.name);
+  RC_ASSERT(split.agreement().headers == whole.agreement().headers);
   RC_ASSERT(split.agreement().allocationContext == whole.agreement().allocationContext);
 }
 
@@ -143,22 +146,28 @@ struct Dialogue {
 };
 
 RC_GTEST_PROP(BothHandshakes, AgreeOnWhatBothHave,
-              (bool noZeroes, bool offersStructured, bool wantsNoZeroes, bool wantsStructured,
-               bool wantsContext)) {
+              (bool noZeroes, bool offersStructured, bool offersExtended, bool wantsNoZeroes,
+               bool wantsStructured, bool wantsExtended, bool wantsContext)) {
   const Wire::Directory directory = threeExports();
-  ServerHandshake server(directory, {.noZeroes = noZeroes, .structuredReplies = offersStructured});
+  ServerHandshake server(
+      directory,
+      {.noZeroes = noZeroes, .structuredReplies = offersStructured, .extendedHeaders = offersExtended});
   ClientHandshake client({.exportName = "b",
+                          .extendedHeaders = wantsExtended,
                           .structuredReplies = wantsStructured,
                           .allocationContext = wantsContext,
                           .noZeroes = wantsNoZeroes});
   const Dialogue dialogue(server, client, pieces());
   RC_ASSERT(dialogue.server == ServerHandshake::State::transmission);
   RC_ASSERT(dialogue.client == ClientHandshake::State::transmission);
-  const bool structured = offersStructured && wantsStructured;
-  RC_ASSERT(server.agreement().structuredReplies == structured);
-  RC_ASSERT(client.agreement().structuredReplies == structured);
+  const HeaderStyle headers = offersExtended && wantsExtended       ? HeaderStyle::extended
+                              : offersStructured && wantsStructured ? HeaderStyle::structured
+                                                                    : HeaderStyle::simple;
+  RC_ASSERT(server.agreement().headers == headers);
+  RC_ASSERT(client.agreement().headers == headers);
   RC_ASSERT(server.agreement().noZeroes == (noZeroes && wantsNoZeroes));
-  RC_ASSERT(server.agreement().allocationContext.has_value() == (structured && wantsContext));
+  RC_ASSERT(server.agreement().allocationContext.has_value() ==
+            (headers != HeaderStyle::simple && wantsContext));
   RC_ASSERT(client.agreement().allocationContext == server.agreement().allocationContext);
   RC_ASSERT(client.agreement().remote.size == 4096U);
   RC_ASSERT(client.agreement().remote.transmissionFlags == server.agreement().exportView.transmissionFlags);
@@ -186,9 +195,11 @@ RC_GTEST_PROP(ClientHandshakeProperty, AnySplitOfTheInputGivesTheSame, (const st
   ServerHandshake server(directory, {});
   Buffer words;
   server.greet(words);
+  const bool isExtended = *rc::gen::arbitrary<bool>();
+  const Option first = isExtended ? Option::extendedHeaders : Option::structuredReply;
   const auto wanted = Wire::infoData("a", {InfoType::name, InfoType::description, InfoType::blockSize});
   const Buffer asked =
-      Wire::join({Wire::clientFlags(), Wire::option(Option::structuredReply),
+      Wire::join({Wire::clientFlags(), Wire::option(first),
                   Wire::option(Option::setMetaContext, Wire::contextData("a", {"base:allocation"})),
                   Wire::option(Option::go, wanted)});
   const Buffer answers = Wire::converse(server, asked).output;
@@ -201,8 +212,8 @@ RC_GTEST_PROP(ClientHandshakeProperty, AnySplitOfTheInputGivesTheSame, (const st
   }
   Nbd::appendText(words, noise);
 
-  ClientHandshake whole({.exportName = "a"});
-  ClientHandshake split({.exportName = "a"});
+  ClientHandshake whole({.exportName = "a", .extendedHeaders = isExtended});
+  ClientHandshake split({.exportName = "a", .extendedHeaders = isExtended});
   const auto expected = Wire::converse(whole, words);
   const auto outcome = Wire::converse(split, words, pieces());
   RC_ASSERT(outcome.keptContract);

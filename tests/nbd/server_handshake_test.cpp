@@ -105,7 +105,29 @@ const OptionCase optionCases[] = {
 
     {"PeekExport", {option(Option::peekExport)}, {unsupported}},
     {"StartTls", {option(Option::startTls)}, {unsupported}},
-    {"ExtendedHeaders", {option(Option::extendedHeaders)}, {unsupported}},
+    {"ExtendedHeaders", {option(Option::extendedHeaders)}, {ack}},
+    {"ExtendedHeadersTwice", {option(Option::extendedHeaders), option(Option::extendedHeaders)}, {ack, ack}},
+    {"ExtendedHeadersWithData", {option(Option::extendedHeaders, text("x"))}, {invalid}},
+    {"ExtendedHeadersWithTooMuchData", {option(Option::extendedHeaders, Buffer(100'000))}, {tooBig}},
+    {"ExtendedHeadersAfterStructuredReply", {structured, option(Option::extendedHeaders)}, {ack, ack}},
+    {"StructuredReplyAfterExtendedHeaders",
+     {option(Option::extendedHeaders), structured, option(Option::list)},
+     {ack, ReplyType::extendedHeadersRequired, server, server, ack}},
+    {"StructuredReplyWithDataAfterExtendedHeaders",
+     {option(Option::extendedHeaders), option(Option::structuredReply, text("x"))},
+     {ack, invalid}},
+    {"GoAfterExtendedHeaders",
+     {option(Option::extendedHeaders), option(Option::go, infoData("disk"))},
+     {ack, information, ack},
+     State::transmission},
+    {"ExportNameAfterExtendedHeaders",
+     {option(Option::extendedHeaders), option(Option::exportName, text("disk"))},
+     {ack},
+     State::failed},
+    {"ContextsAfterExtendedHeaders",
+     {option(Option::extendedHeaders), option(Option::listMetaContext, contextData("disk", {})),
+      option(Option::setMetaContext, contextData("disk", {"base:allocation"}))},
+     {ack, context, ack, context, ack}},
     {"Unknown", {option(unheardOf)}, {unsupported}},
     {"UnknownWithData",
      {option(unheardOf, text("whatever it means")), option(Option::abort)},
@@ -434,10 +456,25 @@ TEST(ServerGo, InfoAndGoTellTheSame) {
 TEST(ServerGo, UnfragmentedReadsNeedStructuredReplies) {
   const Conversation without(option(Option::go, infoData("disk")));
   EXPECT_EQ(without.handshake.agreement().exportView.transmissionFlags, offeredWithoutDf);
-  EXPECT_FALSE(without.handshake.agreement().structuredReplies);
+  EXPECT_EQ(without.handshake.agreement().headers, Nbd::HeaderStyle::simple);
   const Conversation with(join({structured, option(Option::go, infoData("disk"))}));
   EXPECT_EQ(with.handshake.agreement().exportView.transmissionFlags, offered);
-  EXPECT_TRUE(with.handshake.agreement().structuredReplies);
+  EXPECT_EQ(with.handshake.agreement().headers, Nbd::HeaderStyle::structured);
+}
+
+TEST(ServerGo, FilteredBlockStatusNeedsExtendedHeaders) {
+  Wire::Directory directory;
+  directory.add({.name = "full", .transmissionFlags = 0xffff});
+  for (const Buffer& headers : {Buffer(), structured, option(Option::extendedHeaders)}) {
+    const Conversation conversation(join({headers, option(Option::go, infoData("full"))}), {},
+                                    Wire::clientFlags(), directory);
+    const ServerHandshake::Agreement& agreement = conversation.handshake.agreement();
+    const bool isTold =
+        (agreement.exportView.transmissionFlags & Nbd::TransmissionFlag::blockStatusPayload) != 0;
+    EXPECT_EQ(isTold, agreement.headers == Nbd::HeaderStyle::extended);
+    EXPECT_EQ((agreement.exportView.transmissionFlags & Nbd::TransmissionFlag::sendDf) != 0,
+              !headers.empty());
+  }
 }
 
 TEST(ServerGo, AlwaysSaysThatThereAreFlags) {
@@ -461,7 +498,7 @@ TEST(ServerGo, AgreementBecomesTheLimitsOfRequests) {
   EXPECT_EQ(limits.transmissionFlags, offered);
   EXPECT_EQ(limits.minimumBlock, 512U);
   EXPECT_EQ(limits.maximumPayload, Nbd::maxPayload);
-  EXPECT_TRUE(limits.structuredReplies);
+  EXPECT_EQ(limits.headers, Nbd::HeaderStyle::structured);
   EXPECT_TRUE(limits.blockStatus);
 }
 
@@ -495,6 +532,13 @@ TEST(ServerList, TenThousandExportsLeaveInSmallSteps) {
   EXPECT_EQ(conversation.replies[9999].data, join({counted("export-9999"), text(std::string(100, 'd'))}));
   EXPECT_EQ(conversation.outcome.state, State::closing);
   EXPECT_LT(conversation.outcome.largestStep, Nbd::handshakeOutputStep + 256);
+}
+
+TEST(ServerPolicy, ExtendedHeadersMayBeOff) {
+  const Conversation conversation(join({option(Option::extendedHeaders), structured}),
+                                  {.extendedHeaders = false});
+  EXPECT_EQ(conversation.replyTypes(), (std::vector<ReplyType>{unsupported, ack}));
+  EXPECT_EQ(conversation.handshake.agreement().headers, Nbd::HeaderStyle::structured);
 }
 
 TEST(ServerPolicy, StructuredRepliesMayBeOff) {

@@ -12,6 +12,7 @@ namespace {
 using Nbd::Command;
 using Nbd::Error;
 using Nbd::ExportLimits;
+using Nbd::HeaderStyle;
 using Nbd::Request;
 namespace CommandFlag = Nbd::CommandFlag;
 namespace TransmissionFlag = Nbd::TransmissionFlag;
@@ -23,16 +24,30 @@ constexpr std::uint16_t everyFlag =
 
 constexpr std::uint64_t mebibyte = 1024 * 1024;
 
-constexpr ExportLimits full{
-    .size = 64 * mebibyte, .transmissionFlags = everyFlag, .structuredReplies = true, .blockStatus = true};
+constexpr ExportLimits full{.size = 64 * mebibyte,
+                            .transmissionFlags = everyFlag,
+                            .headers = HeaderStyle::structured,
+                            .blockStatus = true};
 constexpr ExportLimits readOnly{.size = 64 * mebibyte,
                                 .transmissionFlags = everyFlag | TransmissionFlag::readOnly,
-                                .structuredReplies = true,
+                                .headers = HeaderStyle::structured,
                                 .blockStatus = true};
 constexpr ExportLimits bare{.size = 64 * mebibyte, .transmissionFlags = TransmissionFlag::hasFlags};
 constexpr ExportLimits blocks{.size = 64 * mebibyte, .transmissionFlags = everyFlag, .minimumBlock = 4096};
 constexpr ExportLimits portable{
     .size = 64 * mebibyte, .transmissionFlags = everyFlag, .maximumUnfragmented = 65'536};
+
+constexpr ExportLimits extended{.size = std::uint64_t{8} << 40,
+                                .transmissionFlags = everyFlag | TransmissionFlag::blockStatusPayload,
+                                .headers = HeaderStyle::extended,
+                                .blockStatus = true};
+constexpr ExportLimits extendedReadOnly{.size = 64 * mebibyte,
+                                        .transmissionFlags = everyFlag | TransmissionFlag::readOnly,
+                                        .headers = HeaderStyle::extended,
+                                        .blockStatus = true};
+constexpr ExportLimits extendedBare{
+    .size = 64 * mebibyte, .transmissionFlags = everyFlag, .headers = HeaderStyle::extended};
+constexpr std::uint16_t withPayload = CommandFlag::payloadLength;
 
 constexpr auto ok = std::optional<Error>();
 constexpr auto unknownCommand = static_cast<Command>(8);
@@ -43,7 +58,7 @@ struct Case {
   Command type;
   std::uint16_t flags;
   std::uint64_t offset;
-  std::uint32_t length;
+  std::uint64_t length;
   ExportLimits limits;
   std::optional<Error> expected;
 };
@@ -140,6 +155,44 @@ const Case cases[] = {
     {"LastUnknownCommand", static_cast<Command>(0xffff), 0, 0, 0, full, Error::inval},
 
     {"ReadOfAnEmptyExport", Command::read, 0, 0, 1, {.size = 0}, Error::inval},
+    {"ExtendedRead", Command::read, 0, 0, 4096, extended, ok},
+    {"ExtendedReadWithPayload", Command::read, withPayload, 0, 4096, extended, Error::inval},
+    {"ExtendedReadOfEverything", Command::read, 0, 0, extended.size, extended, Error::overflow},
+    {"ExtendedReadOfAllThereCouldBe", Command::read, 0, 0, top, extended, Error::overflow},
+    {"ExtendedWrite", Command::write, withPayload, 0, 4096, extended, ok},
+    {"ExtendedWriteFua", Command::write, withPayload | CommandFlag::fua, 0, 4096, extended, ok},
+    {"ExtendedWriteWithoutPayload", Command::write, 0, 0, 4096, extended, Error::inval},
+    {"ExtendedWriteOfNothing", Command::write, withPayload, 0, 0, extended, ok},
+    {"ExtendedWriteOfNothingWithoutPayload", Command::write, 0, 0, 0, extended, Error::inval},
+    {"ExtendedWriteLargest", Command::write, withPayload, 0, Nbd::maxPayload, extended, ok},
+    {"ExtendedWriteTooLarge", Command::write, withPayload, 0, Nbd::maxPayload + 1, extended, Error::inval},
+    {"ExtendedWriteMuchTooLarge", Command::write, withPayload, 0, top, extended, Error::inval},
+    {"ExtendedWriteBehindTheEnd", Command::write, withPayload, extended.size, 1, extended, Error::nospc},
+    {"ExtendedWriteReadOnly", Command::write, withPayload, 0, 512, extendedReadOnly, Error::perm},
+    {"ExtendedTrimOfEverything", Command::trim, 0, 0, extended.size, extended, ok},
+    {"ExtendedTrimBehindTheEnd", Command::trim, 0, 1, extended.size, extended, Error::inval},
+    {"ExtendedTrimWrappedSum", Command::trim, 0, top, top, extended, Error::inval},
+    {"ExtendedTrimWithPayload", Command::trim, withPayload, 0, 512, extended, Error::inval},
+    {"ExtendedWriteZeroesOfEverything", Command::writeZeroes, 0, 0, extended.size, extended, ok},
+    {"ExtendedWriteZeroesBehindTheEnd", Command::writeZeroes, 0, 1, extended.size, extended, Error::nospc},
+    {"ExtendedWriteZeroesWithPayload", Command::writeZeroes, withPayload, 0, 512, extended, Error::inval},
+    {"ExtendedCacheOfEverything", Command::cache, 0, 0, extended.size, extended, ok},
+    {"ExtendedFlush", Command::flush, 0, 0, 0, extended, ok},
+    {"ExtendedFlushWithPayload", Command::flush, withPayload, 0, 0, extended, Error::inval},
+    {"ExtendedDisconnect", Command::disconnect, 0, 0, 0, extended, ok},
+    {"ExtendedBlockStatusOfEverything", Command::blockStatus, 0, 0, extended.size, extended, ok},
+    {"ExtendedBlockStatusOfOneContext", Command::blockStatus, withPayload, 0, 12, extended, ok},
+    {"ExtendedBlockStatusOfOneContextReqOne", Command::blockStatus, withPayload | CommandFlag::reqOne, top,
+     12, extended, ok},
+    {"ExtendedBlockStatusOfNoContext", Command::blockStatus, withPayload, 0, 8, extended, Error::inval},
+    {"ExtendedBlockStatusOfTwoContexts", Command::blockStatus, withPayload, 0, 16, extended, Error::inval},
+    {"ExtendedBlockStatusOfHalfAContext", Command::blockStatus, withPayload, 0, 10, extended, Error::inval},
+    {"ExtendedBlockStatusUnadvertisedPayload", Command::blockStatus, withPayload, 0, 12, extendedReadOnly,
+     Error::inval},
+    {"ExtendedBlockStatusWithoutContext", Command::blockStatus, withPayload, 0, 12, extendedBare,
+     Error::inval},
+    {"ExtendedUnknownCommandWithPayload", unknownCommand, withPayload, 0, 512, extended, Error::inval},
+
     {"LargestExport", Command::read, 0, top - 512, 512, {.size = top}, ok},
 };
 
@@ -156,9 +209,22 @@ INSTANTIATE_TEST_SUITE_P(Table, Validation, testing::ValuesIn(cases),
                          [](const auto& row) { return row.param.name; });
 
 TEST(Validation, RefusedDataAreReadPastUpToALimit) {
-  EXPECT_TRUE(Nbd::payloadIsDrained({.type = Command::write, .length = Nbd::maxPayloadDrained}));
-  EXPECT_FALSE(Nbd::payloadIsDrained({.type = Command::write, .length = Nbd::maxPayloadDrained + 1}));
-  EXPECT_TRUE(Nbd::payloadIsDrained({.type = Command::trim, .length = 0xffff'ffff})) << "nothing follows";
+  EXPECT_TRUE(Nbd::payloadIsDrained({.type = Command::write, .length = Nbd::maxPayloadDrained}, full));
+  EXPECT_FALSE(Nbd::payloadIsDrained({.type = Command::write, .length = Nbd::maxPayloadDrained + 1}, full));
+  EXPECT_TRUE(Nbd::payloadIsDrained({.type = Command::trim, .length = 0xffff'ffff}, full))
+      << "nothing follows";
+}
+
+TEST(Validation, ExtendedDataAreReadPastUpToTheLargestPayload) {
+  const auto isDrained = [](std::uint16_t flags, Command type, std::uint64_t length) {
+    return Nbd::payloadIsDrained({.flags = flags, .type = type, .length = length}, extended);
+  };
+  for (const Command type : {Command::write, Command::read, Command::blockStatus, unknownCommand}) {
+    EXPECT_TRUE(isDrained(withPayload, type, Nbd::maxPayload));
+    EXPECT_FALSE(isDrained(withPayload, type, Nbd::maxPayload + 1));
+    EXPECT_FALSE(isDrained(withPayload, type, top));
+    EXPECT_TRUE(isDrained(0, type, top)) << "nothing follows";
+  }
 }
 
 // Numbers that lie around the edges more often than anywhere.
@@ -175,6 +241,7 @@ RC_GTEST_PROP(ValidationProperty, AgreesWithTheModel, ()) {
   limits.maximumPayload = 1U << *rc::gen::inRange(16, 26);
   limits.maximumUnfragmented = *rc::gen::element<std::uint32_t>(65'536, limits.maximumPayload);
   limits.blockStatus = *rc::gen::arbitrary<bool>();
+  limits.headers = *rc::gen::element(HeaderStyle::simple, HeaderStyle::structured, HeaderStyle::extended);
 
   const auto flags = rc::gen::oneOf(rc::gen::just<std::uint16_t>(0), rc::gen::inRange<std::uint16_t>(0, 64),
                                     rc::gen::arbitrary<std::uint16_t>());
@@ -182,13 +249,14 @@ RC_GTEST_PROP(ValidationProperty, AgreesWithTheModel, ()) {
   request.type = static_cast<Command>(
       *rc::gen::oneOf(rc::gen::inRange<std::uint16_t>(0, 9), rc::gen::arbitrary<std::uint16_t>()));
   const auto length = *rc::gen::oneOf(rc::gen::arbitrary<std::uint64_t>(),
-                                      near({3, 4096, 65'536, limits.maximumPayload, limits.size}));
-  request.length = static_cast<std::uint32_t>(length);
+                                      near({3, 12, 4096, 65'536, limits.maximumPayload, limits.size}));
+  const bool isExtended = limits.headers == HeaderStyle::extended;
+  request.length = isExtended ? length : static_cast<std::uint32_t>(length);
   request.offset = *rc::gen::oneOf(rc::gen::arbitrary<std::uint64_t>(),
                                    near({3, 4096, limits.size, limits.size - request.length, top - 3}));
   if (*rc::gen::arbitrary<bool>()) {
     request.offset &= ~std::uint64_t{limits.minimumBlock - 1};
-    request.length &= ~(limits.minimumBlock - 1);
+    request.length &= ~std::uint64_t{limits.minimumBlock - 1};
   }
   RC_ASSERT(Nbd::validate(request, limits) == ValidationModel::verdict(request, limits));
 }

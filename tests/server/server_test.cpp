@@ -289,7 +289,7 @@ TEST_P(ServerTest, TellsTheAllocation) {
     const RawClient::Chunk chunk = client.receiveChunk();
     EXPECT_TRUE(chunk.header.isDone());
     std::vector<Nbd::Extent> found;
-    EXPECT_TRUE(Nbd::decodeBlockStatus(chunk.payload, found));
+    EXPECT_TRUE(Nbd::decodeBlockStatus(chunk.header.type, chunk.payload, found));
     return found;
   };
   constexpr std::uint32_t hole = Nbd::AllocationFlag::hole | Nbd::AllocationFlag::zero;

@@ -54,7 +54,7 @@ RawClient::RawClient(std::uint16_t port, std::optional<int> receiveBuffer)
 RawClient::~RawClient() { close(); }
 
 RawClient::RawClient(RawClient&& other) noexcept
-    : socket_(std::exchange(other.socket_, -1)), nextCookie_(other.nextCookie_) {}
+    : socket_(std::exchange(other.socket_, -1)), headers_(other.headers_), nextCookie_(other.nextCookie_) {}
 
 void RawClient::send(Nbd::Bytes bytes) {
   const Clock::time_point deadline = Clock::now() + patience;
@@ -169,14 +169,22 @@ void RawClient::enter(std::string_view exportName, Session session) {
   receiveGreeting();
   send(clientFlags());
   if (session.structuredReplies) must(Nbd::Option::structuredReply, {});
+  if (session.extendedHeaders) must(Nbd::Option::extendedHeaders, {});
   if (session.allocationContext)
     must(Nbd::Option::setMetaContext, contextData(exportName, {"base:allocation"}));
   must(Nbd::Option::go, infoData(exportName));
+  headers_ = session.extendedHeaders     ? Nbd::HeaderStyle::extended
+             : session.structuredReplies ? Nbd::HeaderStyle::structured
+                                         : Nbd::HeaderStyle::simple;
 }
 
 void RawClient::request(const Nbd::Request& request, Nbd::Bytes payload) {
-  Buffer bytes(Nbd::requestSize);
-  Nbd::encodeRequest(std::span(bytes).first<Nbd::requestSize>(), request);
+  Buffer bytes(Nbd::requestSizeOf(headers_));
+  if (headers_ == Nbd::HeaderStyle::extended) {
+    Nbd::encodeExtendedRequest(std::span(bytes).first<Nbd::extendedRequestSize>(), request);
+  } else {
+    Nbd::encodeRequest(std::span(bytes).first<Nbd::requestSize>(), request);
+  }
   bytes.insert(bytes.end(), payload.begin(), payload.end());
   send(bytes);
 }
@@ -189,8 +197,11 @@ Nbd::SimpleReply RawClient::receiveSimpleReply() {
 }
 
 RawClient::Chunk RawClient::receiveChunk() {
-  const Buffer bytes = receive(Nbd::chunkHeaderSize);
-  const auto header = Nbd::decodeChunkHeader(std::span(bytes).first<Nbd::chunkHeaderSize>());
+  const bool isExtended = headers_ == Nbd::HeaderStyle::extended;
+  const Buffer bytes = receive(isExtended ? Nbd::extendedChunkHeaderSize : Nbd::chunkHeaderSize);
+  const auto header =
+      isExtended ? Nbd::decodeExtendedChunkHeader(std::span(bytes).first<Nbd::extendedChunkHeaderSize>())
+                 : Nbd::decodeChunkHeader(std::span(bytes).first<Nbd::chunkHeaderSize>());
   if (!header) throw Disappointment("the chunk is malformed");
   return {.header = *header, .payload = receive(header->length)};
 }

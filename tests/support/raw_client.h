@@ -58,7 +58,8 @@ class RawClient {
 
   struct Session {
     bool structuredReplies = false;
-    bool allocationContext = false;  // needs structuredReplies
+    bool allocationContext = false;  // needs one of the others
+    bool extendedHeaders = false;
   };
   /// The whole handshake, up to the use of the export of that name.
   void enter(std::string_view exportName, Session session);
@@ -66,6 +67,8 @@ class RawClient {
 
   // --- Transmission ---
 
+  /// The form of headers that the session has; `request` and `receiveChunk` follow it.
+  [[nodiscard]] Nbd::HeaderStyle headers() const { return headers_; }
   void request(const Nbd::Request& request, Nbd::Bytes payload = {});
   Nbd::SimpleReply receiveSimpleReply();
   struct Chunk {
@@ -82,6 +85,7 @@ class RawClient {
 
  private:
   int socket_ = -1;
+  Nbd::HeaderStyle headers_ = Nbd::HeaderStyle::simple;
   std::uint64_t nextCookie_ = 1;
 };
 

@@ -26,6 +26,7 @@ inline std::optional<Error> verdict(const Nbd::Request& request, const Nbd::Expo
   const bool isMisaligned =
       request.offset % limits.minimumBlock != 0 || request.length % limits.minimumBlock != 0;
   const bool fuaRefused = carries(0) && !advertises(3);
+  const bool isExtended = limits.headers == Nbd::HeaderStyle::extended;
 
   switch (static_cast<int>(request.type)) {
     case 0:  // READ
@@ -36,7 +37,9 @@ inline std::optional<Error> verdict(const Nbd::Request& request, const Nbd::Expo
       return std::nullopt;
     case 1:  // WRITE
       if (advertises(1)) return Error::perm;
-      if (!carriesOnly(0b1) || fuaRefused || request.length > limits.maximumPayload) return Error::inval;
+      if (isExtended != carries(5)) return Error::inval;
+      if (!carriesOnly(0b10'0001) || fuaRefused || request.length > limits.maximumPayload)
+        return Error::inval;
       if (endsBehind(request, limits.size)) return Error::nospc;
       if (isMisaligned) return Error::inval;
       return std::nullopt;
@@ -63,8 +66,13 @@ inline std::optional<Error> verdict(const Nbd::Request& request, const Nbd::Expo
       if (isMisaligned) return Error::inval;
       return std::nullopt;
     case 7:  // BLOCK_STATUS
-      if (!limits.blockStatus || !carriesOnly(0b1001) || fuaRefused || request.length == 0)
-        return Error::inval;
+      if (!limits.blockStatus || !carriesOnly(0b10'1001) || fuaRefused) return Error::inval;
+      if (carries(5)) {
+        // An effect length of 8 bytes and one context id of 4; the range stands there.
+        if (!isExtended || !advertises(12) || request.length != 12) return Error::inval;
+        return std::nullopt;
+      }
+      if (request.length == 0) return Error::inval;
       if (endsBehind(request, limits.size) || isMisaligned) return Error::inval;
       return std::nullopt;
     default:
