@@ -9,9 +9,11 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <optional>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -120,7 +122,42 @@ std::expected<Io::FileDescriptor, int> listenOn(const sockaddr_storage& address)
   return socket;
 }
 
-void prepareConnection(int socket) {
+// How a connection paces what it sends is for a path between hosts. Within one host there is none, and a
+// congestion control that paces by timers (bbr, the default of some systems) more than halves the speed of
+// large reads. A socket that once paced goes on doing so, whatever it is told later: listeners begin without,
+// and the connections of other hosts get the system's choice when they are accepted.
+
+/// The system's choice of congestion control, which `listener` no longer follows.
+std::string leaveCongestionControl(int listener) {
+  // As long as the kernel's own names (TCP_CA_NAME_MAX). Every system has reno, and allows it to everybody.
+  std::array<char, 16> name{};
+  socklen_t length = name.size() - 1;
+  if (::getsockopt(listener, IPPROTO_TCP, TCP_CONGESTION, name.data(), &length) != 0) {
+    return {};
+  }
+  constexpr std::string_view withoutPacing = "reno";
+  ::setsockopt(listener, IPPROTO_TCP, TCP_CONGESTION, withoutPacing.data(), withoutPacing.size());
+  return name.data();
+}
+
+bool isLoopback(const sockaddr_storage& address) {
+  return address.ss_family == AF_INET ? (ntohl(asIpv4(address).sin_addr.s_addr) >> 24U) == IN_LOOPBACKNET
+                                      : IN6_IS_ADDR_LOOPBACK(&asIpv6(address).sin6_addr) != 0;
+}
+
+/// Whether the connection stays within this host.
+bool isLocal(int socket, const sockaddr_storage& peer) {
+  sockaddr_storage own{};
+  socklen_t length = sizeof own;
+  return isLoopback(peer) ||
+         (::getsockname(socket, reinterpret_cast<sockaddr*>(&own), &length) == 0 && isSameHost(own, peer));
+}
+
+void prepareConnection(int socket, const sockaddr_storage& peer, const std::string& congestionControl) {
+  if (!congestionControl.empty() && !isLocal(socket, peer)) {
+    ::setsockopt(socket, IPPROTO_TCP, TCP_CONGESTION, congestionControl.data(),
+                 static_cast<socklen_t>(congestionControl.size()));
+  }
   const int on = 1;
   ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
   // A client whose host vanished without a word is noticed after some two minutes.
@@ -203,7 +240,10 @@ std::expected<std::vector<Listener::Socket>, Failure> Listener::bindAll(
     socklen_t length = sizeof address;
     ::getsockname(descriptor->number(), reinterpret_cast<sockaddr*>(&address), &length);
     port = endpointOf(address).port;
-    sockets.push_back({.descriptor = std::move(*descriptor), .address = address});
+    std::string congestionControl = leaveCongestionControl(descriptor->number());
+    sockets.push_back({.descriptor = std::move(*descriptor),
+                       .address = address,
+                       .congestionControl = std::move(congestionControl)});
   }
   return sockets;
 }
@@ -270,7 +310,7 @@ bool Listener::acceptFrom(const Socket& socket) {
       }
       continue;  // this one was gone before it was accepted
     }
-    prepareConnection(connection.number());
+    prepareConnection(connection.number(), peer, socket.congestionControl);
     accepted_(std::move(connection), endpointOf(peer));
   }
   return true;

@@ -38,6 +38,7 @@ class Listener final : private Io::EventHandler {
   struct Socket {
     Io::FileDescriptor descriptor;
     sockaddr_storage address;
+    std::string congestionControl;  // for connections of other hosts; empty: as they come
   };
 
   Listener(Io::EventLoop& loop, std::vector<Socket> sockets, std::uint16_t port, Accepted accepted);
