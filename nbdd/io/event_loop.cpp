@@ -26,7 +26,9 @@ EventLoop::~EventLoop() = default;
 
 void EventLoop::run() {
   for (;;) {
-    const int count = ::epoll_wait(epoll_.number(), events_.data(), eventsPerTurn, timeoutMilliseconds());
+    const std::optional<timespec> limit = timeToWait();
+    const int count =
+        ::epoll_pwait2(epoll_.number(), events_.data(), eventsPerTurn, limit ? &*limit : nullptr, nullptr);
     now_ = Clock::now();
     dispatch(std::max(count, 0));
     fireTimers();
@@ -82,16 +84,18 @@ void EventLoop::unwatch(int descriptor, EventHandler& handler) {
   }
 }
 
-int EventLoop::timeoutMilliseconds() const {
+/// Until the next timer; nothing if there is none.
+std::optional<timespec> EventLoop::timeToWait() const {
+  using std::chrono::nanoseconds;
   if (!deferred_.empty()) {
-    return 0;
+    return timespec{};
   }
   if (timers_.empty()) {
-    return -1;
+    return std::nullopt;
   }
-  const auto left =
-      std::chrono::ceil<std::chrono::milliseconds>(timers_.begin()->first - Clock::now()).count();
-  return static_cast<int>(std::clamp<std::int64_t>(left, 0, 3'600'000));
+  const auto left = std::max(nanoseconds(timers_.begin()->first - Clock::now()), nanoseconds(0));
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
+  return timespec{.tv_sec = seconds.count(), .tv_nsec = nanoseconds(left - seconds).count()};
 }
 
 void EventLoop::dispatch(int count) {

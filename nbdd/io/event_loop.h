@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <span>
 #include <thread>
@@ -65,7 +66,7 @@ class EventLoop {
  private:
   friend class Timer;
 
-  int timeoutMilliseconds() const;
+  std::optional<timespec> timeToWait() const;
   void dispatch(int count);
   void runPosted();
   void fireTimers();

@@ -1,10 +1,13 @@
 #include "nbdd/io/stream.h"
 
+#include <sys/ioctl.h>
 #include <sys/sendfile.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <exception>
+#include <limits>
 #include <utility>
 
 namespace Nbdd::Io {
@@ -36,6 +39,22 @@ ssize_t Stream::receive(std::span<std::byte> buffer) {
   // bytes just taken, and its event came with theirs.
   readable_ = static_cast<std::size_t>(count) == buffer.size() || peerEnded_;
   return count;
+}
+
+void Stream::setReceiveThreshold(std::size_t bytes) {
+  if (bytes == receiveThreshold_) {
+    return;
+  }
+  const auto lowWater = static_cast<int>(std::min<std::size_t>(bytes, std::numeric_limits<int>::max()));
+  // Where it is refused, waits end with the first byte, as they always may.
+  if (::setsockopt(socket_.number(), SOL_SOCKET, SO_RCVLOWAT, &lowWater, sizeof lowWater) == 0) {
+    receiveThreshold_ = bytes;
+  }
+}
+
+std::size_t Stream::available() const {
+  int count = 0;
+  return ::ioctl(socket_.number(), FIONREAD, &count) == 0 ? static_cast<std::size_t>(std::max(count, 0)) : 0;
 }
 
 ssize_t Stream::send(std::span<const std::byte> bytes, bool more) {

@@ -33,6 +33,11 @@ class Stream final : public EventHandler {
   /// The number of bytes received (0 = the peer has ended its side), or a negative errno (-EAGAIN: nothing
   /// there).
   ssize_t receive(std::span<std::byte> buffer);
+  /// Waits for reading end only when `bytes` have arrived, or the peer's end, or an error; 1 at first.
+  /// Lowered, it ends a wait that it no longer holds up.
+  void setReceiveThreshold(std::size_t bytes);
+  /// Bytes that have arrived and not been received.
+  std::size_t available() const;
   /// Whether nothing has arrived since the last `receive`, as far as the loop knows: wait instead of trying.
   bool drained() const { return !readable_; }
   /// The number of bytes sent, or a negative errno (-EAGAIN: the send buffer is full). `more`: further bytes
@@ -78,6 +83,7 @@ class Stream final : public EventHandler {
   EventLoop& loop_;
   FileDescriptor socket_;
   int failure_ = 0;
+  std::size_t receiveThreshold_ = 1;
   bool readable_ = true;
   bool writable_ = true;
   bool peerEnded_ = false;

@@ -86,6 +86,7 @@ Transmission::Transmission(Worker& worker, Io::Stream& stream, Sender& sender,
       replies_(limits_.headers),
       allocationContext_(agreement.allocationContext),
       batch_(worker.replyMemory(), sender),
+      guard_(worker.loop(), [this] { guardExpired(); }),
       room_(worker.loop()) {}
 
 Io::Task<void> Transmission::run(std::vector<std::byte> received) {
@@ -111,12 +112,18 @@ Io::Task<void> Transmission::run(std::vector<std::byte> received) {
       if (over_) {
         break;
       }
+      stream_.setReceiveThreshold(moderation_.threshold());
+      if (moderation_.threshold() > 1) {
+        guard_.start(ReceiveModeration::guardTime);
+      }
       Io::Stream::Waiting readable = stream_.readable();
       co_await readable;
+      guard_.cancel();
       continue;
     }
     const std::size_t used = execute(*input);
     keep(input->subspan(used));
+    moderation_.turned(std::exchange(taken_, 0), used);
     endTurn();
     if (incoming_ && !over_) {
       Io::Task<void> receiving = receivePayload();
@@ -126,6 +133,7 @@ Io::Task<void> Transmission::run(std::vector<std::byte> received) {
       co_await turn;
     }
   }
+  stream_.setReceiveThreshold(1);
   carried_.reset();
   memory_ = {};
   Io::Scope::Joined joined = requests_.join();
@@ -137,6 +145,15 @@ void Transmission::stop() {
   room_.notify();
   sender_.progress().notify();
   worker_.payloadMemory().cancel(this);
+}
+
+/// The wait for several requests takes long.
+void Transmission::guardExpired() {
+  if (moderation_.guardExpired(stream_.available())) {
+    guard_.start(ReceiveModeration::guardTime);
+  } else {
+    stream_.setReceiveThreshold(moderation_.threshold());
+  }
 }
 
 /// What was carried over and what has arrived since, in the worker's input memory; nothing when there is
@@ -190,6 +207,7 @@ std::size_t Transmission::execute(std::span<const std::byte> input) {
       break;
     }
     used += taken;
+    ++taken_;
   }
   return used;
 }

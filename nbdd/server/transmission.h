@@ -18,6 +18,7 @@
 #include "nbdd/io/stream.h"
 #include "nbdd/io/task.h"
 #include "nbdd/server/memory_budget.h"
+#include "nbdd/server/receive_moderation.h"
 #include "nbdd/server/reply_batch.h"
 #include "nbdd/server/sender.h"
 
@@ -49,6 +50,7 @@ class Transmission {
 
   // Taking requests (transmission.cpp)
   std::optional<std::span<const std::byte>> takeInput();
+  void guardExpired();
   std::size_t execute(std::span<const std::byte> input);
   std::size_t executeOne(std::span<const std::byte> input);
   std::size_t executeWrite(const Request& request, std::span<const std::byte> payload);
@@ -109,11 +111,14 @@ class Transmission {
   ReplyBatch batch_;                  // of this turn
   TransferCounters::Batch received_;  // of this turn
   TransferCounters::Batch sent_;      // of this turn
-  Io::Buffer carried_;                // arrived, but not carried out yet
-  bool carriedIsRunnable_ = false;    // it starts with a whole request
-  std::uint64_t drain_ = 0;           // bytes of a refused request's data still to be read past
-  std::optional<Request> incoming_;   // a large write whose data are arriving
-  std::size_t inFlight_ = 0;          // requests that wait for storage
+  ReceiveModeration moderation_;
+  Io::Timer guard_;                  // runs while a wait for several requests does
+  std::size_t taken_ = 0;            // requests of this turn
+  Io::Buffer carried_;               // arrived, but not carried out yet
+  bool carriedIsRunnable_ = false;   // it starts with a whole request
+  std::uint64_t drain_ = 0;          // bytes of a refused request's data still to be read past
+  std::optional<Request> incoming_;  // a large write whose data are arriving
+  std::size_t inFlight_ = 0;         // requests that wait for storage
   std::size_t inFlightBytes_ = 0;
   std::size_t neededMemory_ = 0;  // for the write at the front, which waits for it
   MemoryBudget::Share memory_;    // for the next write

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <array>
@@ -133,6 +134,82 @@ TEST(Stream, WaitsForASlowReader) {
   EXPECT_GT(runTask(loop, sendAll(stream, sent)), 0U);
   peer.join();
   EXPECT_EQ(received, sent.size());
+}
+
+Pair tcpPair() {
+  const FileDescriptor listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  auto* const where = reinterpret_cast<sockaddr*>(&address);
+  Pair pair;
+  pair.theirs = FileDescriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (::bind(listener.number(), where, length) != 0 || ::listen(listener.number(), 1) != 0 ||
+      ::getsockname(listener.number(), where, &length) != 0 ||
+      ::connect(pair.theirs.number(), where, length) != 0) {
+    std::abort();
+  }
+  pair.ours = FileDescriptor(::accept4(listener.number(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+  return pair;
+}
+
+Task<void> awaitReadable(Stream& stream, std::size_t& available) {
+  std::array<std::byte, 1> memory{};
+  if (stream.receive(memory) != -EAGAIN) {
+    std::abort();
+  }
+  Stream::Waiting readable = stream.readable();
+  co_await readable;
+  available = stream.available();
+  stream.loop().stop();
+}
+
+TEST(Stream, WaitsUntilAsMuchHasArrivedAsIsWorthATurn) {
+  EventLoop loop;
+  Pair pair = tcpPair();
+  Stream stream(loop, std::move(pair.ours));
+  stream.setReceiveThreshold(100);
+  std::size_t available = 0;
+  Scope scope;
+  scope.spawn(awaitReadable(stream, available));
+  std::jthread peer([&] {
+    const std::string byte = "x";
+    for (int count = 0; count < 100; ++count) {
+      ASSERT_EQ(::send(pair.theirs.number(), byte.data(), 1, 0), 1);
+    }
+  });
+  loop.run();
+  EXPECT_EQ(available, 100U);
+}
+
+TEST(Stream, EndsAWaitThatALowerThresholdNoLongerHoldsUp) {
+  EventLoop loop;
+  Pair pair = tcpPair();
+  Stream stream(loop, std::move(pair.ours));
+  stream.setReceiveThreshold(100);
+  std::size_t available = 0;
+  Scope scope;
+  scope.spawn(awaitReadable(stream, available));
+  ASSERT_EQ(::send(pair.theirs.number(), "abc", 3, 0), 3);
+  Timer timer(loop, [&] { stream.setReceiveThreshold(1); });
+  timer.start(std::chrono::milliseconds(20));
+  loop.run();
+  EXPECT_EQ(available, 3U);
+}
+
+TEST(Stream, SeesTheEndBelowTheThreshold) {
+  EventLoop loop;
+  Pair pair = tcpPair();
+  Stream stream(loop, std::move(pair.ours));
+  stream.setReceiveThreshold(100);
+  std::size_t available = 0;
+  Scope scope;
+  scope.spawn(awaitReadable(stream, available));
+  ASSERT_EQ(::send(pair.theirs.number(), "abc", 3, 0), 3);
+  pair.theirs.reset();
+  loop.run();
+  EXPECT_EQ(available, 3U);
 }
 
 TEST(Stream, FailsToSendToAPeerThatIsGone) {
