@@ -7,15 +7,17 @@ import socket
 import subprocess
 import sys
 import tempfile
-import threading
 from pathlib import Path
+
+from costs import descendants
 
 sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "tests" / "system"))
 
 from support import processes  # noqa: E402
 from support.service import Service  # noqa: E402
 
-TICKS_PER_SECOND = os.sysconf("SC_CLK_TCK")
+# As many clients as any row has; the default of qemu-nbd is one.
+MOST_CLIENTS = 2000
 
 
 def free_port():
@@ -88,13 +90,13 @@ def nbdkit(*threads):
 
 def qemu_nbd(aio):
     return lambda image, port, _: (
-        ["qemu-nbd", "-f", "raw", "-b", "127.0.0.1", "-p", str(port), "--persistent", "-e", "2000"]
+        ["qemu-nbd", "-f", "raw", "-b", "127.0.0.1", "-p", str(port), "--persistent", "-e", str(MOST_CLIENTS)]
         + ["--discard=unmap", f"--aio={aio}", str(image)]
     )
 
 
 class NbdServer:
-    """Serves each connection in a process of its own only as a daemon, so it is found by its PID file."""
+    """Serves each connection in a process of its own, and only as a daemon: so it is found by its PID file."""
 
     name = "nbd-server"
 
@@ -107,17 +109,25 @@ class NbdServer:
                 f"[generic]\nport = {port}\nlistenaddr = 127.0.0.1\nallowlist = true\n"
                 f"[image]\nexportname = {image}\nflush = true\nfua = true\ntrim = true\n"
             )
+            # Before it runs: whenever we are interrupted, it ends.
+            cleanups.callback(self._end, pid_file)
             processes.run([processes.tool("nbd-server"), "-C", configuration, "-p", pid_file])
-            pid = int(processes.wait_until(lambda: pid_file.exists() and pid_file.read_text(), "nbd-server", 20))
-            cleanups.callback(self._end, pid)
+            pid = processes.wait_until(lambda: self._pid(pid_file), "nbd-server", 20)
             processes.wait_until(lambda: is_open(port), "nbd-server to listen", 20)
             yield f"nbd://127.0.0.1:{port}/image", pid
 
     @staticmethod
-    def _end(pid):
-        for process in descendants(pid):
-            with contextlib.suppress(ProcessLookupError):
-                os.kill(process, signal.SIGKILL)
+    def _pid(pid_file):
+        with contextlib.suppress(OSError, ValueError):
+            return int(pid_file.read_text())
+        return None
+
+    def _end(self, pid_file):
+        if (pid := self._pid(pid_file)) is not None:
+            for process in descendants(pid):
+                with contextlib.suppress(ProcessLookupError):
+                    os.kill(process, signal.SIGKILL)
+            processes.wait_for_end_of(pid)
 
 
 def all_servers():
@@ -131,59 +141,3 @@ def all_servers():
         Stock("qemu-nbd io_uring", qemu_nbd("io_uring")),
         NbdServer(),
     ]
-
-
-# What a server costs.
-
-
-def descendants(pid):
-    found = [pid]
-    for task in Path(f"/proc/{pid}/task").glob("*/children"):
-        with contextlib.suppress(OSError):
-            for child in task.read_text().split():
-                found += descendants(int(child))
-    return found
-
-
-def cpu_seconds(pid):
-    """User and system time of a server and all its children, those that have ended too."""
-    ticks = 0
-    for process in descendants(pid):
-        with contextlib.suppress(OSError):
-            fields = Path(f"/proc/{process}/stat").read_text().rsplit(")", 1)[1].split()
-            ticks += sum(int(field) for field in fields[11:15])  # utime, stime, cutime, cstime
-    return ticks / TICKS_PER_SECOND
-
-
-def resident_kib(pid):
-    total = 0
-    for process in descendants(pid):
-        with contextlib.suppress(OSError):
-            for line in Path(f"/proc/{process}/status").read_text().splitlines():
-                if line.startswith("VmRSS:"):
-                    total += int(line.split()[1])
-    return total
-
-
-class MemoryWatch:
-    """The most that a server and its children held at any look, in KiB; one look every 100 ms."""
-
-    def __init__(self, pid):
-        self._pid = pid
-        self._over = threading.Event()
-        self._thread = threading.Thread(target=self._watch)
-        self.peak = 0
-
-    def _watch(self):
-        while True:
-            self.peak = max(self.peak, resident_kib(self._pid))
-            if self._over.wait(0.1):
-                return
-
-    def __enter__(self):
-        self._thread.start()
-        return self
-
-    def __exit__(self, *_):
-        self._over.set()
-        self._thread.join()
