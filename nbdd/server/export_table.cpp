@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <numeric>
 #include <utility>
 
 namespace Nbdd {
@@ -140,6 +141,13 @@ std::size_t ExportTable::sessionCount(Control::ExportId id) const {
   const std::lock_guard lock(mutex_);
   const auto found = usage_.find(id);
   return found == usage_.end() ? 0 : found->second.sessions.size();
+}
+
+std::size_t ExportTable::sessionCount() const {
+  const std::lock_guard lock(mutex_);
+  return std::accumulate(
+      usage_.begin(), usage_.end(), std::size_t{0},
+      [](std::size_t count, const auto& usage) { return count + usage.second.sessions.size(); });
 }
 
 }  // namespace Nbdd

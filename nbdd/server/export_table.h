@@ -62,6 +62,8 @@ class ExportTable final : public Nbd::ExportDirectory {
   /// Those of them whose peer is gone: whom a session that must wait is waiting for.
   std::vector<AttachedSession> sessionsOfGonePeers(Control::ExportId id) const;
   std::size_t sessionCount(Control::ExportId id) const;
+  /// Of all exports together.
+  std::size_t sessionCount() const;
 
  private:
   struct Usage {

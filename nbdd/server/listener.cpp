@@ -323,6 +323,14 @@ bool Listener::reaches(const sockaddr_storage& hostAddress) const {
   });
 }
 
+std::vector<Control::Endpoint> Listener::addresses() const {
+  std::vector<Control::Endpoint> addresses;
+  for (const Socket& socket : sockets_) {
+    addresses.push_back(endpointOf(socket.address));
+  }
+  return addresses;
+}
+
 std::vector<Control::NetIfFirewallState> Listener::endpoints() const {
   ifaddrs* first = nullptr;
   if (::getifaddrs(&first) != 0) {

@@ -31,6 +31,8 @@ class Listener final : private Io::EventHandler {
   ~Listener() override;
 
   std::uint16_t port() const { return port_; }
+  /// The sockets' own addresses.
+  std::vector<Control::Endpoint> addresses() const;
   /// Where other hosts reach these sockets now.
   std::vector<Control::NetIfFirewallState> endpoints() const;
 

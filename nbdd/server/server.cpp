@@ -123,6 +123,10 @@ bool Server::listening() const { return state_->listener != nullptr; }
 
 std::uint16_t Server::port() const { return state_->listener ? state_->listener->port() : std::uint16_t{0}; }
 
+std::vector<Control::Endpoint> Server::addresses() const {
+  return state_->listener ? state_->listener->addresses() : std::vector<Control::Endpoint>();
+}
+
 std::vector<Control::NetIfFirewallState> Server::endpoints() const {
   return state_->listener ? state_->listener->endpoints() : std::vector<Control::NetIfFirewallState>();
 }
@@ -165,8 +169,12 @@ std::vector<Control::ExportClientInfo> Server::clients(Control::ExportId id) con
 
 std::size_t Server::clientCount(Control::ExportId id) const { return state_->table->sessionCount(id); }
 
+std::size_t Server::clientCount() const { return state_->table->sessionCount(); }
+
 std::size_t Server::connectionCount() const { return state_->connections; }
 
 std::string_view Server::storageEngine() const { return state_->workers.front()->storageEngine(); }
+
+std::size_t Server::workerCount() const { return state_->workers.size(); }
 
 }  // namespace Nbdd

@@ -54,6 +54,8 @@ class Server {
   bool listening() const;
   /// The port that is listened on; 0 when not listening.
   std::uint16_t port() const;
+  /// What is listened on, "0.0.0.0" and "::" for every address; nothing when not listening.
+  std::vector<Control::Endpoint> addresses() const;
   /// Where other hosts reach this server now: the host's addresses as far as they are listened on, loopback
   /// left out.
   std::vector<Control::NetIfFirewallState> endpoints() const;
@@ -72,10 +74,14 @@ class Server {
   /// The clients that use the export now.
   std::vector<Control::ExportClientInfo> clients(Control::ExportId id) const;
   std::size_t clientCount(Control::ExportId id) const;
+  /// The clients of all exports.
+  std::size_t clientCount() const;
   /// All open connections, those in the handshake included.
   std::size_t connectionCount() const;
   /// "io_uring" or "threads": how storage is waited for.
   std::string_view storageEngine() const;
+  /// How many worker threads there are, each with an event loop.
+  std::size_t workerCount() const;
 
  private:
   struct State;

@@ -7,7 +7,7 @@
 
 #include "nbdd/limits.h"
 #include "nbdd/log/log.h"
-#include "talvek_version.h"
+#include "nbdd/service/server_properties.h"
 
 namespace Nbdd {
 
@@ -146,13 +146,24 @@ void LocalService::serverCapabilities(Answer<Control::Flags<Control::ServerCapab
 }
 
 void LocalService::serverGetNamedProperties(Answer<Control::Variant> answer) {
-  Control::Variant properties;
-  properties.push_back({"uuid", saved_.serverUuid});
-  properties.push_back({"version", std::string(talvekVersion)});
-  properties.push_back({"platform", std::string("Linux")});
-  properties.push_back({"storage engine", std::string(server_.storageEngine())});
-  if (server_.listening()) properties.push_back({"port", std::uint64_t{server_.port()}});
-  answer(std::move(properties));
+  answer(serverProperties(
+      hostFacts(), {.uuid = saved_.serverUuid,
+                    .uptime = std::chrono::duration_cast<std::chrono::seconds>(Io::Clock::now() - began_),
+                    .activity = activity(),
+                    .listening = server_.addresses(),
+                    .reachableAt = server_.endpoints(),
+                    .exports = registry_.size(),
+                    .servedExports = registry_.activeCount(),
+                    .clients = server_.clientCount(),
+                    .connections = server_.connectionCount(),
+                    .storageEngine = server_.storageEngine(),
+                    .eventLoops = server_.workerCount()}));
+}
+
+ServerActivity LocalService::activity() const {
+  if (closing_) return ServerActivity::stopping;
+  if (server_.listening()) return ServerActivity::listening;
+  return saved_.serverStarted ? ServerActivity::waiting : ServerActivity::stopped;
 }
 
 void LocalService::serverDiscover(Answer<std::vector<Control::RemoteServerDescriptor>> answer) {

@@ -9,6 +9,7 @@
 #include "nbdd/exports/registry.h"
 #include "nbdd/io/event_loop.h"
 #include "nbdd/server/server.h"
+#include "nbdd/service/server_properties.h"
 #include "nbdd/state/state_store.h"
 
 namespace Nbdd {
@@ -94,6 +95,7 @@ class LocalService final : public Control::Service {
     Server& server_;
   };
 
+  ServerActivity activity() const;
   Control::Result<void> save();
   Control::Result<std::vector<Control::NetIfFirewallState>> start();
   Control::Result<void> remember(bool started);
@@ -102,6 +104,7 @@ class LocalService final : public Control::Service {
   void closeServer();
   void serverClosed();
 
+  const Io::Clock::time_point began_ = Io::Clock::now();
   Io::EventLoop& loop_;
   StateStore& store_;
   SavedState saved_;

@@ -9,6 +9,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <functional>
 #include <map>
@@ -290,6 +291,9 @@ TEST(Process, AServerWhosePortWasTakenListensAgainWhenItIsFree) {
   service.start();
   EXPECT_EQ(service.port(), 0);
   EXPECT_NE(service.log().find("cannot listen again"), std::string::npos) << service.log();
+  const auto properties = service.connect().call(Methods::serverGetNamedProperties).value();
+  const Control::VariantEntry waiting{"server", std::string("waiting for its address or port")};
+  EXPECT_EQ(std::ranges::count(properties, waiting), 1);
   other.reset();
   EXPECT_TRUE(awaits([&] { return service.port() == port; })) << service.log();
 }
