@@ -96,6 +96,27 @@ class Bash(unittest.TestCase):
             images.write_zeros(self.service.images / name)
         self.expect_added(f"nbdctl add {self.service.images}/two\t2\t\n", self.service.images / "two disks.2")
 
+    def test_numbers_are_those_of_the_command_s_own_kind(self):
+        programs = self.service.images / "programs"
+        programs.mkdir()
+        stub = programs / "nbdctl"
+        stub.write_text(
+            "#!/bin/sh\n"
+            'case "$*" in\n'
+            'list) printf "Exports: 1\\n  ID 11 | ID 99 | x\\n     - node: ID 5 | y\\n" ;;\n'
+            'ilist) printf "Imports: 1\\n  ID 22 | x\\n" ;;\n'
+            '*) echo "asked: $*" ;;\n'
+            "esac\n"
+        )
+        stub.chmod(0o755)
+        self.shell.type(f"PATH={programs}:$PATH\n")
+        for command in ("enable", "disable", "remove", "stat"):
+            self.assertIn(f"asked: {command} 11", self.shell.type(f"nbdctl {command} \t\n"))
+        for command in ("ienable", "idisable", "iremove", "ilistnodes"):
+            self.assertIn(f"asked: {command} 22", self.shell.type(f"nbdctl {command} \t\n"))
+        self.assertIn("asked: disable 3 force", self.shell.type("nbdctl disable 3 f\t\n"))
+        self.assertIn("asked: idisable 3 f\r", self.shell.type("nbdctl idisable 3 f\t\n"))
+
 
 if __name__ == "__main__":
     unittest.main()
