@@ -325,6 +325,7 @@ bool Listener::reaches(const sockaddr_storage& hostAddress) const {
 
 std::vector<Control::Endpoint> Listener::addresses() const {
   std::vector<Control::Endpoint> addresses;
+  addresses.reserve(sockets_.size());
   for (const Socket& socket : sockets_) {
     addresses.push_back(endpointOf(socket.address));
   }
