@@ -126,6 +126,14 @@ inline constexpr std::size_t contendedProgress = std::size_t{128} * 1024;
 /// client nothing, and so must not hold up others.
 inline constexpr std::size_t payloadFirstPiece = std::size_t{256} * 1024;
 
+/// What one CACHE prefetches at most: it is a hint, and whoever hints at a whole disk shall neither occupy it
+/// nor push everybody else's data out of memory.
+inline constexpr std::uint64_t prefetchLength = std::uint64_t{64} * 1024 * 1024;
+
+/// What one WRITE_ZEROES writes at most where the storage cannot make zeroes by itself: no request could ask
+/// for more before lengths had 64 bits, and 32 bytes shall not begin a day's work.
+inline constexpr std::uint64_t zeroesWritten = std::uint64_t{4} * 1024 * 1024 * 1024;
+
 /// Extents looked for in one BLOCK_STATUS request; the client asks again where the answer ends.
 inline constexpr std::size_t extentsPerReply = 8192;
 

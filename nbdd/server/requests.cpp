@@ -97,7 +97,8 @@ struct BlockRange {
 };
 
 /// Makes the range read as zeroes. `mayUnmap`: it may lose its allocation. `fast`: ENOTSUP, and nothing
-/// changed, rather than writing the zeroes.
+/// changed, rather than writing the zeroes. EOVERFLOW, and nothing changed, if they are too many to be
+/// written.
 Io::Task<int> zeroRange(Io::FileIo& files, std::shared_ptr<Storage> storage, std::uint64_t offset,
                         std::uint64_t length, bool mayUnmap, bool fast) {
   const int file = storage->descriptor();
@@ -120,6 +121,9 @@ Io::Task<int> zeroRange(Io::FileIo& files, std::shared_ptr<Storage> storage, std
   if (error == EOPNOTSUPP) {
     if (fast) {
       co_return ENOTSUP;
+    }
+    if (length > Limits::zeroesWritten) {
+      co_return EOVERFLOW;
     }
     Io::Task<int> writing = writeZeroBytes(files, file, offset, length);
     error = co_await writing;
@@ -325,8 +329,8 @@ Io::Task<void> Transmission::writeZeroesSlowly(Request request) {
 
 Io::Task<void> Transmission::cacheSlowly(Request request) {
   if (request.length > 0) {
-    Io::FileOperation operation =
-        Io::FileOperation::willNeed(storage().descriptor(), request.offset, request.length);
+    Io::FileOperation operation = Io::FileOperation::willNeed(
+        storage().descriptor(), request.offset, std::min(request.length, Limits::prefetchLength));
     Io::FileIo::Running running = worker_.files().run(operation);
     co_await running;
   }

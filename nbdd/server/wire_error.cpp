@@ -15,6 +15,8 @@ Nbd::Error wireError(int error) {
     case EDQUOT:
     case EFBIG:
       return Nbd::Error::nospc;
+    case EOVERFLOW:
+      return Nbd::Error::overflow;
     case ENOTSUP:
       return Nbd::Error::notsup;
     default:

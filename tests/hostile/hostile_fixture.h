@@ -8,7 +8,7 @@
 #include <string>
 #include <thread>
 
-#include "tests/hostile/running_nbdd.h"
+#include "tests/support/running_nbdd.h"
 #include "tests/support/raw_client.h"
 
 namespace Hostile {
@@ -63,11 +63,11 @@ class HostileTest : public testing::Test {
   /// Fails the test unless the service's memory has grown by less than `kibibytes` since the test began.
   void expectMemoryBelow(std::size_t kibibytes) const;
 
-  RunningNbdd nbdd_;
-  RunningNbdd::Export target_;
+  Testing::RunningNbdd nbdd_;
+  Testing::RunningNbdd::Export target_;
 
  private:
-  RunningNbdd::Export bystandersExport_;
+  Testing::RunningNbdd::Export bystandersExport_;
   std::size_t descriptorsBefore_;
   std::size_t kibibytesBefore_;
   Bystander bystander_;

@@ -1,4 +1,4 @@
-#include "tests/hostile/running_nbdd.h"
+#include "tests/support/running_nbdd.h"
 
 #include <fstream>
 #include <iterator>
@@ -8,7 +8,7 @@
 
 #include "control/methods.h"
 
-namespace Hostile {
+namespace Testing {
 
 namespace {
 
@@ -18,7 +18,7 @@ Value must(Control::Result<Value> result) {
   if constexpr (!std::is_void_v<Value>) return std::move(*result);
 }
 
-Control::Client startServer(Testing::ServiceProcess& service) {
+Control::Client startServer(ServiceProcess& service) {
   service.start();
   Control::Client control = service.connect();
   must(control.call(Control::Methods::serverStart));
@@ -32,7 +32,11 @@ RunningNbdd::RunningNbdd() : control_(startServer(service_)), port_(service_.por
 }
 
 RunningNbdd::Export RunningNbdd::publish(const std::string& fileName, std::uint64_t size, bool readOnly) {
-  Export published{.id = {}, .name = {}, .file = service_.files().sparse(fileName, size)};
+  return publishNode(service_.files().sparse(fileName, size), readOnly);
+}
+
+RunningNbdd::Export RunningNbdd::publishNode(const std::filesystem::path& node, bool readOnly) {
+  Export published{.id = {}, .name = {}, .file = node};
   Control::ExportDescriptor descriptor;
   descriptor.node = published.file;
   if (readOnly) descriptor.flags.set(Control::ExportFlag::readOnly);
@@ -68,4 +72,4 @@ std::size_t RunningNbdd::descriptorCount() const {
       std::distance(std::filesystem::directory_iterator(procDirectory() / "fd"), {}));
 }
 
-}  // namespace Hostile
+}  // namespace Testing

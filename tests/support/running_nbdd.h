@@ -8,7 +8,7 @@
 #include "control/client.h"
 #include "tests/support/service_process.h"
 
-namespace Hostile {
+namespace Testing {
 
 /// A started service of its own for one test, with exports, and what can be told about it from outside.
 class RunningNbdd {
@@ -23,6 +23,8 @@ class RunningNbdd {
 
   /// Makes a file of `size` bytes that reads as zeroes, and enables it as an export.
   Export publish(const std::string& fileName, std::uint64_t size, bool readOnly = false);
+  /// Enables a file or block device that is there already as an export.
+  Export publishNode(const std::filesystem::path& node, bool readOnly = false);
   [[nodiscard]] std::size_t clientCount(const Export& published);
 
   [[nodiscard]] std::uint16_t port() const { return port_; }
@@ -31,15 +33,15 @@ class RunningNbdd {
   [[nodiscard]] std::size_t descriptorCount() const;
 
   /// Ends it, in order. How that went, and its log.
-  Testing::Ending stop() { return service_.stop(); }
+  Ending stop() { return service_.stop(); }
   [[nodiscard]] std::string log() const { return service_.log(); }
 
  private:
   [[nodiscard]] std::filesystem::path procDirectory() const;
 
-  Testing::ServiceProcess service_;
+  ServiceProcess service_;
   Control::Client control_;
   std::uint16_t port_;
 };
 
-}  // namespace Hostile
+}  // namespace Testing
