@@ -137,6 +137,10 @@ inline constexpr std::uint64_t zeroesWritten = std::uint64_t{4} * 1024 * 1024 * 
 /// Extents looked for in one BLOCK_STATUS request; the client asks again where the answer ends.
 inline constexpr std::size_t extentsPerReply = 8192;
 
+/// Runs of data of one export whose ends are remembered. An image has a few dozen of a size worth it; whoever
+/// has more goes on with the runs that he is at.
+inline constexpr std::size_t knownDataRuns = 1024;
+
 /// Threads for calls that block, in all: as many requests a disk sees at once without io_uring.
 inline constexpr std::size_t poolThreads = 64;
 

@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <optional>
+#include <utility>
 
 namespace Nbdd {
 
@@ -29,66 +31,119 @@ struct CacheState {
   std::uint64_t recentlyEvicted;
 };
 
-/// 0 if the file, in which there are no data behind some offset, still reaches to `end`; else an errno.
-int checkEnd(int file, std::uint64_t end) {
-  struct stat status{};
-  if (::fstat(file, &status) != 0) {
-    return errno;
-  }
-  return static_cast<std::uint64_t>(status.st_size) >= end ? 0 : EIO;
-}
+class OpenFileMap : public FileMap {
+ public:
+  explicit OpenFileMap(int file) : file_(file) {}
 
-/// Where the next byte of the kind `whence` stands at or behind `offset`, `end` at the most; or an errno.
-/// What a file has lost of its end is no hole.
-std::expected<std::uint64_t, int> seek(int file, std::uint64_t offset, std::uint64_t end, int whence) {
-  const off_t found = ::lseek(file, static_cast<off_t>(offset), whence);
-  if (found >= 0) {
-    return std::min(static_cast<std::uint64_t>(found), end);
+  std::expected<std::uint64_t, int> seek(std::uint64_t offset, int whence) override {
+    const off_t found = ::lseek(file_, static_cast<off_t>(offset), whence);
+    if (found < 0) {
+      return std::unexpected(errno);
+    }
+    return static_cast<std::uint64_t>(found);
   }
-  if (errno != ENXIO) {
-    return std::unexpected(errno);
+
+  std::expected<std::uint64_t, int> size() override {
+    struct stat status{};
+    if (::fstat(file_, &status) != 0) {
+      return std::unexpected(errno);
+    }
+    return static_cast<std::uint64_t>(status.st_size);
   }
-  if (const int error = checkEnd(file, end); error != 0) {
-    return std::unexpected(error);
+
+ private:
+  int file_;
+};
+
+/// Where the next data stand at or behind `offset`, `end` at the most; or an errno. What a file has lost of
+/// its end is no hole.
+std::expected<std::uint64_t, int> nextData(FileMap& file, std::uint64_t offset, std::uint64_t end) {
+  const std::expected<std::uint64_t, int> found = file.seek(offset, SEEK_DATA);
+  if (found) {
+    return std::min(*found, end);
+  }
+  if (found.error() != ENXIO) {
+    return found;
+  }
+  const std::expected<std::uint64_t, int> size = file.size();
+  if (!size) {
+    return size;
+  }
+  if (*size < end) {
+    return std::unexpected(EIO);
   }
   return end;  // none until the end of the file
 }
 
+/// Runs in order, the last of which grows as long as its kind stays the same.
+class Runs {
+ public:
+  explicit Runs(std::size_t maximum) : maximum_(maximum) {}
+
+  bool full() const { return runs_.size() >= maximum_; }
+  void append(std::uint64_t length, bool hole) {
+    if (!runs_.empty() && runs_.back().hole == hole) {
+      runs_.back().length += length;
+    } else {
+      runs_.push_back({.length = length, .hole = hole});
+    }
+  }
+  std::vector<AllocationRun> take() { return std::move(runs_); }
+
+ private:
+  std::size_t maximum_;
+  std::vector<AllocationRun> runs_;
+};
+
 }  // namespace
 
-std::expected<std::vector<AllocationRun>, int> allocation(int file, std::uint64_t offset,
-                                                          std::uint64_t length, std::size_t maximumRuns) {
+std::expected<std::vector<AllocationRun>, int> allocation(FileMap& file, KnownData& known,
+                                                          std::uint64_t offset, std::uint64_t length,
+                                                          std::size_t maximumRuns) {
   const std::uint64_t end = offset + length;
-  std::vector<AllocationRun> runs;
-  while (offset < end && runs.size() < maximumRuns) {
-    const std::expected<std::uint64_t, int> data = seek(file, offset, end, SEEK_DATA);
+  Runs runs(maximumRuns);
+  while (offset < end && !runs.full()) {
+    if (const std::optional<std::uint64_t> knownEnd = known.endAt(offset)) {
+      const std::uint64_t next = std::min(*knownEnd, end);
+      runs.append(next - offset, false);
+      offset = next;
+      continue;
+    }
+    const std::uint64_t generation = known.generation();
+    const std::expected<std::uint64_t, int> data = nextData(file, offset, end);
+    if (!data && (data.error() == EINVAL || data.error() == EOPNOTSUPP)) {
+      runs.append(end - offset, false);
+      break;
+    }
     if (!data) {
-      if (data.error() == EINVAL || data.error() == EOPNOTSUPP) {
-        runs.push_back({.length = end - offset, .hole = false});
-        return runs;
-      }
       return std::unexpected(data.error());
     }
     if (*data > offset) {
-      runs.push_back({.length = *data - offset, .hole = true});
+      runs.append(*data - offset, true);
       offset = *data;
-      continue;
     }
-    const std::expected<std::uint64_t, int> hole = seek(file, offset, end, SEEK_HOLE);
+    if (offset == end || runs.full()) {
+      break;
+    }
+    const std::expected<std::uint64_t, int> hole = file.seek(offset, SEEK_HOLE);
     if (!hole) {
-      return std::unexpected(hole.error());
+      return std::unexpected(hole.error() == ENXIO ? EIO : hole.error());
     }
     if (*hole == offset) {
       continue;  // somebody punched it between the two looks
     }
-    if (!runs.empty() && !runs.back().hole) {
-      runs.back().length += *hole - offset;
-    } else {
-      runs.push_back({.length = *hole - offset, .hole = false});
-    }
-    offset = *hole;
+    known.learn(generation, offset, *hole);
+    const std::uint64_t next = std::min(*hole, end);
+    runs.append(next - offset, false);
+    offset = next;
   }
-  return runs;
+  return runs.take();
+}
+
+std::expected<std::vector<AllocationRun>, int> allocation(int file, KnownData& known, std::uint64_t offset,
+                                                          std::uint64_t length, std::size_t maximumRuns) {
+  OpenFileMap map(file);
+  return allocation(map, known, offset, length, maximumRuns);
 }
 
 bool isCached(int file, std::uint64_t offset, std::uint64_t length) {

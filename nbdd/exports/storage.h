@@ -7,6 +7,7 @@
 #include <mutex>
 #include <vector>
 
+#include "nbdd/exports/known_data.h"
 #include "nbdd/io/file_descriptor.h"
 
 namespace Nbdd {
@@ -73,8 +74,12 @@ class Storage {
 
   /// Whether the node may have holes, so that a read is worth a look at its allocation.
   bool mayHaveHoles() const { return mayHaveHoles_.load(std::memory_order_relaxed); }
-  /// To be called before holes are made.
-  void noteHoles() { mayHaveHoles_.store(true, std::memory_order_relaxed); }
+  /// To be called before holes are made, and again when they are.
+  void noteHoles() {
+    mayHaveHoles_.store(true, std::memory_order_relaxed);
+    knownData_.forget();
+  }
+  KnownData& knownData() { return knownData_; }
 
  private:
   struct Durability {
@@ -84,6 +89,7 @@ class Storage {
 
   OpenNode node_;
   std::atomic<bool> mayHaveHoles_ = false;
+  KnownData knownData_;
   const std::shared_ptr<Durability> durability_;
 };
 

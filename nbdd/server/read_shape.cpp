@@ -14,20 +14,21 @@ bool isZero(std::span<const std::byte> bytes) {
   return std::memcmp(bytes.data(), bytes.data() + head, bytes.size() - head) == 0;
 }
 
-std::vector<AllocationRun> allocationOfRead(int file, std::uint64_t offset, std::uint64_t length) {
+std::vector<AllocationRun> allocationOfRead(int file, KnownData& known, std::uint64_t offset,
+                                            std::uint64_t length) {
   // Chunks are not free either: a range in more pieces than this is sent as it is.
   constexpr std::size_t maximumRuns = 64;
   std::vector<AllocationRun> runs =
-      allocation(file, offset, length, maximumRuns).value_or(std::vector<AllocationRun>());
-  std::uint64_t known = 0;
+      allocation(file, known, offset, length, maximumRuns).value_or(std::vector<AllocationRun>());
+  std::uint64_t found = 0;
   for (const AllocationRun& run : runs) {
-    known += run.length;
+    found += run.length;
   }
-  if (known < length) {
+  if (found < length) {
     if (!runs.empty() && !runs.back().hole) {
-      runs.back().length += length - known;
+      runs.back().length += length - found;
     } else {
-      runs.push_back({.length = length - known, .hole = false});
+      runs.push_back({.length = length - found, .hole = false});
     }
   }
   return runs;

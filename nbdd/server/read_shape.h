@@ -19,7 +19,8 @@ bool isZero(std::span<const std::byte> bytes);
 /// The runs of data and holes that the reply to a read of [offset, offset + length) is made of: at least one,
 /// and together exactly the range. A range in too many pieces ends in one run that is sent as data. May
 /// block.
-std::vector<AllocationRun> allocationOfRead(int file, std::uint64_t offset, std::uint64_t length);
+std::vector<AllocationRun> allocationOfRead(int file, KnownData& known, std::uint64_t offset,
+                                            std::uint64_t length);
 
 /// How many bytes of the runs are no holes.
 std::size_t dataLength(const std::vector<AllocationRun>& runs);

@@ -110,6 +110,7 @@ Io::Task<int> zeroRange(Io::FileIo& files, std::shared_ptr<Storage> storage, std
       Io::Task<int> punching = allocate(files, file, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, whole.begin,
                                         whole.end - whole.begin);
       error = co_await punching;
+      storage->noteHoles();
     }
     // Without an offload the kernel zeroes a block device by writing, which is not fast.
     if (error == EOPNOTSUPP && !(fast && storage->node().blockDevice)) {
@@ -217,8 +218,8 @@ Io::Task<void> Transmission::readSlowly(Request request) {
   const int file = storage().descriptor();
   std::vector<AllocationRun> runs{{.length = request.length, .hole = false}};
   if (request.length >= sendFileLength && mayAnswerWithHoles(request) && storage().mayHaveHoles()) {
-    Io::FileOperation look = Io::FileOperation::call([&runs, file, request] {
-      runs = allocationOfRead(file, request.offset, request.length);
+    Io::FileOperation look = Io::FileOperation::call([&runs, file, known = &storage().knownData(), request] {
+      runs = allocationOfRead(file, *known, request.offset, request.length);
       return 0;
     });
     Io::FileIo::Running looking = worker_.files().run(look);
@@ -304,6 +305,7 @@ Io::Task<void> Transmission::trimSlowly(Request request) {
                                                     whole.begin, whole.end - whole.begin);
       Io::FileIo::Running running = worker_.files().run(operation);
       const int result = co_await running;
+      storage().noteHoles();
       // A hint that cannot be followed is no failure.
       error = result == -EOPNOTSUPP || result == -EINTR ? 0 : -result;
     }
@@ -348,10 +350,11 @@ Io::Task<void> Transmission::blockStatusSlowly(Request request) {
   } else {
     // Walking a fragmented file takes a while: on a thread of its own.
     const int file = storage().descriptor();
-    Io::FileOperation operation = Io::FileOperation::call([&runs, file, request, maximumRuns] {
-      runs = allocation(file, request.offset, request.length, maximumRuns);
-      return 0;
-    });
+    Io::FileOperation operation =
+        Io::FileOperation::call([&runs, file, known = &storage().knownData(), request, maximumRuns] {
+          runs = allocation(file, *known, request.offset, request.length, maximumRuns);
+          return 0;
+        });
     Io::FileIo::Running running = worker_.files().run(operation);
     co_await running;
   }

@@ -463,7 +463,7 @@ bool Transmission::readFromMemory(const Request& request) {
 void Transmission::readBySendFile(const Request& request) {
   std::vector<AllocationRun> runs;
   if (mayAnswerWithHoles(request) && storage().mayHaveHoles()) {
-    runs = allocationOfRead(storage().descriptor(), request.offset, request.length);
+    runs = allocationOfRead(storage().descriptor(), storage().knownData(), request.offset, request.length);
   } else {
     runs = {{.length = request.length, .hole = false}};
   }
