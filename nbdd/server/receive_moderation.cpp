@@ -12,6 +12,9 @@ constexpr std::size_t deepest = 32;
 /// The part of its depth that a client may have waiting here while the rest keeps both sides busy.
 constexpr std::size_t partOfDepth = 4;
 
+/// A client with fewer in flight than this gains nothing, and one that is kept waiting loses much.
+constexpr std::size_t shallowest = 16;
+
 /// However large the requests: waiting for more saves nothing any more.
 constexpr std::size_t largestThreshold = std::size_t{128} * 1024;
 
@@ -77,7 +80,7 @@ void ReceiveModeration::beginMeasuring() {
 void ReceiveModeration::settle(std::size_t measured) {
   // A client that was interrupted while it sent is deeper than it looks. If it is not, the guard tells.
   depth_ = std::max(std::min(measured, deepest), depth_ - depth_ / partOfDepth);
-  if (depth_ < 2 * partOfDepth) {
+  if (depth_ < shallowest) {
     beginSingle();
     return;
   }

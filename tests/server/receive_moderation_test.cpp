@@ -43,7 +43,7 @@ TEST(ReceiveModeration, AClientThatWaitsForEachReplyIsNeverKeptWaiting) {
 }
 
 TEST(ReceiveModeration, ADeepQueueIsTakenAQuarterAtATime) {
-  for (const std::size_t depth : {8U, 16U, 32U}) {
+  for (const std::size_t depth : {16U, 20U, 32U}) {
     Exchange exchange{.moderation = {}, .depth = depth};
     exchange.turns(300, 2);
     EXPECT_EQ(exchange.moderation.threshold(), depth / 4 * exchange.size) << "depth " << depth;
@@ -63,7 +63,7 @@ TEST(ReceiveModeration, LargeRequestsAreNotCollected) {
 }
 
 TEST(ReceiveModeration, AShallowQueueIsMeasuredLessAndLessOften) {
-  Exchange exchange{.moderation = {}, .depth = 4};
+  Exchange exchange{.moderation = {}, .depth = 15};
   exchange.turns(1'000'000, 2);
   EXPECT_LE(exchange.waitsInVain, 30U);
   EXPECT_EQ(exchange.moderation.threshold(), 1U);
@@ -81,9 +81,9 @@ TEST(ReceiveModeration, AQueueThatBecomesShallowIsNoticed) {
 }
 
 TEST(ReceiveModeration, AQueueThatBecomesDeepIsNoticed) {
-  Exchange exchange{.moderation = {}, .depth = 8};
+  Exchange exchange{.moderation = {}, .depth = 16};
   exchange.turns(300, 2);
-  ASSERT_EQ(exchange.moderation.threshold(), 2 * exchange.size);
+  ASSERT_EQ(exchange.moderation.threshold(), 4 * exchange.size);
   exchange.depth = 32;
   exchange.turns(20'000, 2);
   EXPECT_EQ(exchange.moderation.threshold(), 8 * exchange.size);
