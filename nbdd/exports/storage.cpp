@@ -44,6 +44,9 @@ Storage::Storage(OpenNode node, const Storage* predecessor)
   if (!node_.blockDevice && ::fstat(descriptor(), &status) == 0) {
     mayHaveHoles_ = static_cast<std::uint64_t>(status.st_blocks) * statBlock < node_.size;
   }
+  if (node_.memoryBacked && !mayHaveHoles_) {
+    mapping_ = Mapping::of(descriptor(), node_.size, !node_.readOnly);
+  }
 }
 
 std::uint16_t Storage::transmissionFlags() const {

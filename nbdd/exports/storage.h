@@ -5,9 +5,11 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <vector>
 
 #include "nbdd/exports/known_data.h"
+#include "nbdd/exports/mapping.h"
 #include "nbdd/io/file_descriptor.h"
 
 namespace Nbdd {
@@ -74,6 +76,8 @@ class Storage {
 
   /// Whether the node may have holes, so that a read is worth a look at its allocation.
   bool mayHaveHoles() const { return mayHaveHoles_.load(std::memory_order_relaxed); }
+  /// The node's bytes, if they are memory and all there; else null.
+  const Mapping* mapping() const { return mayHaveHoles() || !mapping_ ? nullptr : &*mapping_; }
   /// To be called before holes are made, and again when they are.
   void noteHoles() {
     mayHaveHoles_.store(true, std::memory_order_relaxed);
@@ -88,6 +92,7 @@ class Storage {
   };
 
   OpenNode node_;
+  std::optional<Mapping> mapping_;
   std::atomic<bool> mayHaveHoles_ = false;
   KnownData knownData_;
   const std::shared_ptr<Durability> durability_;

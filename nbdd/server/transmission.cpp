@@ -35,7 +35,11 @@ constexpr std::uint32_t collectedPayload = 64 * 1024;
 constexpr std::size_t payloadPiece = std::size_t{1024} * 1024;
 
 /// Writes all of it, here and now. 0 or an errno.
-int writeNow(int file, std::span<const std::byte> data, std::uint64_t offset) {
+int writeNow(const Storage& storage, std::span<const std::byte> data, std::uint64_t offset) {
+  if (const Mapping* const mapping = storage.mapping(); mapping != nullptr && mapping->write(data, offset)) {
+    return 0;
+  }
+  const int file = storage.descriptor();
   while (!data.empty()) {
     const ssize_t written = ::pwrite(file, data.data(), data.size(), static_cast<off_t>(offset));
     if (written < 0 && errno != EINTR) {
@@ -167,7 +171,10 @@ std::optional<std::span<const std::byte>> Transmission::takeInput() {
   if (stream_.drained()) {
     return std::nullopt;
   }
-  const ssize_t count = stream_.receive(memory.subspan(carried_.size()));
+  // Behind one large write there is often another, and its data shall go where they belong, not here.
+  const std::size_t most = std::exchange(largeWriteEnded_, false) ? Nbd::requestSizeOf(limits_.headers)
+                                                                  : memory.size() - carried_.size();
+  const ssize_t count = stream_.receive(memory.subspan(carried_.size(), most));
   if (count <= 0) {
     if (count != -EAGAIN) {
       over();
@@ -240,8 +247,23 @@ std::size_t Transmission::executeOne(std::span<const std::byte> input) {
   if (Nbd::payloadLength(*request, limits_.headers) > 0) [[unlikely]] {
     return executeFiltered(*request, input.subspan(headerSize));
   }
+  expectNext(input.subspan(headerSize));
   carryOut(*request);
   return headerSize;
+}
+
+/// Has the memory of the read that stands next in `input` fetched, if there is one, while this one is carried
+/// out.
+void Transmission::expectNext(std::span<const std::byte> input) const {
+  const Mapping* const mapping = storage().mapping();
+  if (mapping == nullptr || input.size() < Nbd::requestSize ||
+      limits_.headers == Nbd::HeaderStyle::extended) {
+    return;
+  }
+  const std::optional<Request> next = Nbd::decodeRequest(input.first<Nbd::requestSize>());
+  if (next && next->type == Nbd::Command::read && !Nbd::validate(*next, limits_)) {
+    mapping->prefetch(next->offset);
+  }
 }
 
 /// A write, and what has arrived behind it. Returns as executeOne.
@@ -362,6 +384,8 @@ Io::Task<void> Transmission::receivePayload() {
     Io::Task<bool> receiving = receiveUpTo(payload, request.length);
     complete = co_await receiving;
   }
+  stream_.setReceiveThreshold(1);
+  largeWriteEnded_ = true;
   if (!complete) {
     over();
   } else if (!mustWait(request)) {
@@ -407,6 +431,7 @@ Io::Task<bool> Transmission::receiveUpTo(Payload& payload, std::size_t length) {
     if (!stall.running()) {
       stall.start(Limits::contendedPeriod);
     }
+    stream_.setReceiveThreshold(std::min(wanted, Limits::contendedProgress));
     Io::Stream::Waiting readable = stream_.readable();
     co_await readable;
   }
@@ -437,15 +462,22 @@ bool Transmission::mayAnswerWithHoles(const Request& request) const {
          request.length >= replies_.holeSize();
 }
 
+/// Fills all of `data`, or returns false.
+bool Transmission::readWithoutWaiting(std::span<std::byte> data, std::uint64_t offset) const {
+  if (const Mapping* const mapping = storage().mapping(); mapping != nullptr && mapping->read(data, offset)) {
+    return true;
+  }
+  const iovec target{.iov_base = data.data(), .iov_len = data.size()};
+  return ::preadv2(storage().descriptor(), &target, 1, static_cast<off_t>(offset),
+                   storage().node().memoryBacked ? 0 : RWF_NOWAIT) == static_cast<ssize_t>(data.size());
+}
+
 /// Reads into the batch of replies without waiting for a device. False: that is not possible.
 bool Transmission::readFromMemory(const Request& request) {
   const std::size_t headerSize = replies_.dataHeaderSize();
   const std::span<std::byte> room = batch_.reserve(headerSize + request.length);
   const std::span<std::byte> data = room.subspan(headerSize);
-  const iovec target{.iov_base = data.data(), .iov_len = data.size()};
-  const ssize_t count = ::preadv2(storage().descriptor(), &target, 1, static_cast<off_t>(request.offset),
-                                  storage().node().memoryBacked ? 0 : RWF_NOWAIT);
-  if (count != static_cast<ssize_t>(request.length)) {
+  if (!readWithoutWaiting(data, request.offset)) {
     return false;
   }
   if (mayAnswerWithHoles(request) && isZero(data)) {
@@ -492,7 +524,7 @@ void Transmission::write(const Request& request, std::span<const std::byte> data
   }
   if (!mustWait(request)) {
     // Memory is as stable as this storage gets, so FUA asks for nothing more.
-    const int error = storage().failed() ? EIO : writeNow(storage().descriptor(), data, request.offset);
+    const int error = storage().failed() ? EIO : writeNow(storage(), data, request.offset);
     received_.transfers += 1;
     received_.bytes += data.size();
     received_.bytesTransferred += data.size();

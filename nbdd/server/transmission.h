@@ -58,6 +58,7 @@ class Transmission {
   std::size_t refuse(const Request& request, Nbd::Error error);
   bool reserveMemory(const Request& request);
   bool mustWait(const Request& request) const;
+  void expectNext(std::span<const std::byte> input) const;
   void carryOut(const Request& request);
   bool hasRoom() const;
   void keep(std::span<const std::byte> rest);
@@ -74,6 +75,7 @@ class Transmission {
   // What needs no waiting (transmission.cpp)
   void read(const Request& request);
   bool readFromMemory(const Request& request);
+  bool readWithoutWaiting(std::span<std::byte> data, std::uint64_t offset) const;
   void readBySendFile(const Request& request);
   void write(const Request& request, std::span<const std::byte> data);
   void flush(const Request& request);
@@ -122,6 +124,7 @@ class Transmission {
   std::size_t inFlightBytes_ = 0;
   std::size_t neededMemory_ = 0;  // for the write at the front, which waits for it
   MemoryBudget::Share memory_;    // for the next write
+  bool largeWriteEnded_ = false;  // just now
   bool over_ = false;
   Io::Scope requests_;
   Io::Signal room_;

@@ -163,6 +163,40 @@ TEST_P(ServerTest, ReadsBackWhatItWroteWhateverTheSize) {
   }
 }
 
+// In memory such a file is copied from and to without a system call, until it gets holes.
+TEST_P(ServerTest, ServesAFileWithoutHoles) {
+  ASSERT_EQ(::fallocate(file_.number(), 0, 0, static_cast<off_t>(diskSize)), 0);
+  publish();
+  RawClient client = enter();
+  unsigned int seed = 0;
+  const auto writeAndRead = [&] {
+    for (const std::size_t size : sizes) {
+      const Buffer data = noise(size, ++seed);
+      const std::uint64_t offset = 1000 + seed * 7;
+      ASSERT_EQ(client.write(offset, data), Nbd::Error::none);
+      EXPECT_EQ(fileContent(offset, size), data);
+      EXPECT_EQ(client.read(offset, static_cast<std::uint32_t>(size)).second, data) << size;
+    }
+  };
+  writeAndRead();
+  client.request({.flags = 0, .type = Nbd::Command::trim, .cookie = 1, .offset = 0, .length = 4'194'304});
+  ASSERT_EQ(client.receiveSimpleReply().error, Nbd::Error::none);
+  EXPECT_EQ(client.read(4096, 4096).second, Buffer(4096));
+  writeAndRead();
+  ASSERT_EQ(::ftruncate(file_.number(), 4096), 0);
+  EXPECT_EQ(client.read(8192, 4096).first, Nbd::Error::io);
+}
+
+TEST_P(ServerTest, ReportsAFileWithoutHolesThatHasBecomeShorter) {
+  ASSERT_EQ(::fallocate(file_.number(), 0, 0, static_cast<off_t>(diskSize)), 0);
+  publish();
+  RawClient client = enter();
+  ASSERT_EQ(client.read(8192, 4096).first, Nbd::Error::none);
+  ASSERT_EQ(::ftruncate(file_.number(), 4096), 0);
+  EXPECT_EQ(client.read(8192, 4096).first, Nbd::Error::io);
+  EXPECT_EQ(client.read(0, 4096).first, Nbd::Error::none);
+}
+
 // Everything at once, cut into pieces that no request respects; the replies come in any order.
 TEST_P(ServerTest, KeepsManyRequestsInFlight) {
   constexpr std::uint32_t block = 8192;
