@@ -42,7 +42,7 @@ def markdown(measured, heading):
     against = [entry for entry in measured if entry[0].aims]
     if against:
         lines += [
-            "| Work | nbdd | best stock server | speed (aim) | CPU (aim) | memory, MiB (least stock) | without io_uring |",
+            "| Work | nbdd | best stock server | speed (aim) | CPU (aim) | MiB (least stock) | without io_uring |",
             "|---|---|---|---|---|---|---|",
             *(against_stock(*entry) for entry in against),
             "",
@@ -51,7 +51,9 @@ def markdown(measured, heading):
     if others:
         lines += ["| Aim | nbdd | aimed at | best stock server |", "|---|---|---|---|", *others, ""]
     failed = [
-        f"- {row.name}: {name} failed: {reason}" for row, _, failures, _ in measured for name, reason in failures.items()
+        f"- {row.name}: {name} failed: {reason}"
+        for row, _, failures, _ in measured
+        for name, reason in failures.items()
     ]
     return "\n".join(lines + ([*failed, ""] if failed else []))
 
