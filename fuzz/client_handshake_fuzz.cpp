@@ -18,7 +18,7 @@ void expect(bool promise) {
 void checkExport(const Nbd::RemoteExport& remote) {
   expect(Nbd::isWireString(remote.name) && Nbd::isWireString(remote.description));
   expect(std::has_single_bit(remote.minimumBlock) && remote.minimumBlock <= remote.preferredBlock);
-  expect(remote.maximumPayload <= Nbd::maxPayload);
+  expect(remote.maximumPayload <= Nbd::portablePayload);
 }
 
 }  // namespace

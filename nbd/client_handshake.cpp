@@ -188,7 +188,7 @@ void ClientHandshake::takeInfo(Bytes data, RemoteExport& remote) {
       }
       remote.minimumBlock = *minimum;
       remote.preferredBlock = *preferred;
-      remote.maximumPayload = std::min(*maximum, maxPayload);
+      remote.maximumPayload = std::min(*maximum, portablePayload);
       return;
     }
   }

@@ -23,7 +23,7 @@ struct RemoteExport {
   std::uint16_t transmissionFlags = 0;  // TransmissionFlag; may hold unknown bits, to be ignored
   std::uint32_t minimumBlock = 1;       // bytes; we ask for the sizes and are bound to them
   std::uint32_t preferredBlock = 4096;
-  std::uint32_t maximumPayload = maxPayload;  // never above our own maxPayload
+  std::uint32_t maximumPayload = portablePayload;  // never more, whatever the server offers
 };
 
 /// The client's side of the fixed newstyle handshake, as a machine that turns bytes into bytes.

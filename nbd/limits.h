@@ -32,9 +32,13 @@ inline constexpr std::uint32_t maxQueries = 64;
 // sent: the listing of thousands of exports takes no more memory than one of a few.
 inline constexpr std::size_t handshakeOutputStep = std::size_t{64} * 1024;
 
-// Data of one READ or WRITE: the size that the protocol lets every client rely on when nothing was
-// advertised.
-inline constexpr std::uint32_t maxPayload = 32 * 1024 * 1024;
+// Data of one READ or WRITE that the protocol lets every client rely on when nothing was advertised. As a
+// client we ask for no more.
+inline constexpr std::uint32_t portablePayload = 32 * 1024 * 1024;
+
+// Data of one READ or WRITE that we serve, and advertise. Beyond the portable size there is nothing to gain
+// any more, but some clients go there.
+inline constexpr std::uint32_t maxPayload = 2 * portablePayload;
 
 // The data of a WRITE that is refused are read past up to this length, so that an honest client with a wrong
 // idea of the largest size is told EINVAL. Beyond it the peer is disconnected: up to 4 GiB of work for 28

@@ -79,7 +79,7 @@ TEST_P(ExtendedCommands, ReadsBackWhatItWroteWhateverTheSize) {
   ExtendedClient client = enter();
   unsigned int seed = 0;
   for (const std::size_t size : {1UL, 511UL, 4096UL, 65'535UL, 65'536UL, 65'537UL, 1'048'577UL, 5'000'000UL,
-                                 std::size_t{Nbd::maxPayload}}) {
+                                 std::size_t{Nbd::portablePayload}}) {
     const Buffer data = noise(size, ++seed);
     const std::uint64_t offset = 5 * tebibyte + seed * 7;
     ASSERT_EQ(client.write(offset, data, seed % 2 == 0 ? CommandFlag::fua : std::uint16_t{0}), Error::none);

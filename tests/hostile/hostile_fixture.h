@@ -47,7 +47,7 @@ class Bystander {
 /// memory.
 class HostileTest : public testing::Test {
  protected:
-  static constexpr std::uint64_t targetSize = 64 * 1024 * 1024;
+  static constexpr std::uint64_t targetSize = 96 * 1024 * 1024;  // more than one request may ask for
   static constexpr std::chrono::milliseconds bystandersPatience{3000};
 
   explicit HostileTest(std::uint32_t bystandersTransfer = 4096);

@@ -160,7 +160,7 @@ TEST(ClientHandshake, TakesWhatTheServerTells) {
   EXPECT_EQ(remote.description, "a disk");
   EXPECT_EQ(remote.minimumBlock, 512U);
   EXPECT_EQ(remote.preferredBlock, 4096U);
-  EXPECT_EQ(remote.maximumPayload, Nbd::maxPayload) << "no more than we would hold";
+  EXPECT_EQ(remote.maximumPayload, Nbd::portablePayload) << "no more than we would hold";
 }
 
 TEST(ClientHandshake, FallsBackToExportName) {

@@ -437,7 +437,7 @@ TEST(ServerGo, TellsWhatWasAskedFor) {
             join({about(InfoType::exportInfo, join({number(disk.size), number(offeredWithoutDf)})),
                   about(InfoType::name, text("disk")), about(InfoType::description, text("the first disk")),
                   about(InfoType::blockSize, join({number(std::uint32_t{512}), number(std::uint32_t{4096}),
-                                                   number(std::uint32_t{32 * 1024 * 1024})})),
+                                                   number(std::uint32_t{64 * 1024 * 1024})})),
                   Wire::reply(Option::go, ReplyType::ack)}));
   EXPECT_TRUE(conversation.handshake.agreement().blockSizesRequested);
 }

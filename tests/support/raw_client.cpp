@@ -56,8 +56,8 @@ RawClient::~RawClient() { close(); }
 RawClient::RawClient(RawClient&& other) noexcept
     : socket_(std::exchange(other.socket_, -1)), headers_(other.headers_), nextCookie_(other.nextCookie_) {}
 
-void RawClient::send(Nbd::Bytes bytes) {
-  const Clock::time_point deadline = Clock::now() + patience;
+void RawClient::send(Nbd::Bytes bytes, std::chrono::milliseconds limit) {
+  const Clock::time_point deadline = Clock::now() + limit;
   while (!bytes.empty()) {
     const ssize_t count = ::send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     if (count >= 0) {
@@ -76,8 +76,8 @@ std::size_t RawClient::sendWithoutWaiting(Nbd::Bytes bytes) {
   return count > 0 ? static_cast<std::size_t>(count) : 0;
 }
 
-Buffer RawClient::receive(std::size_t length) {
-  const Clock::time_point deadline = Clock::now() + patience;
+Buffer RawClient::receive(std::size_t length, std::chrono::milliseconds limit) {
+  const Clock::time_point deadline = Clock::now() + limit;
   Buffer bytes(length);
   for (std::size_t filled = 0; filled < length;) {
     const ssize_t count = ::recv(socket_, bytes.data() + filled, length - filled, MSG_DONTWAIT);

@@ -34,11 +34,11 @@ class RawClient {
 
   // --- Bytes ---
 
-  void send(Nbd::Bytes bytes);
+  void send(Nbd::Bytes bytes, std::chrono::milliseconds limit = patience);
   /// Sends as much as the server takes without delay, at most all; returns how much. 0 as well when it has
   /// closed.
   std::size_t sendWithoutWaiting(Nbd::Bytes bytes);
-  Buffer receive(std::size_t length);
+  Buffer receive(std::size_t length, std::chrono::milliseconds limit = patience);
   /// Everything up to the end of the stream, which must come in time.
   Buffer receiveToEnd(std::chrono::milliseconds limit = patience);
   /// Whether the server ends the connection in time. What it still says is passed over.

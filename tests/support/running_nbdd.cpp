@@ -54,11 +54,11 @@ std::filesystem::path RunningNbdd::procDirectory() const {
   return std::filesystem::path("/proc") / std::to_string(service_.process());
 }
 
-std::size_t RunningNbdd::residentKibibytes() const {
+std::size_t RunningNbdd::memory(std::string_view row) const {
   std::ifstream status(procDirectory() / "status");
   std::string word;
   while (status >> word) {
-    if (word == "VmRSS:") {
+    if (word == row) {
       std::size_t kibibytes = 0;
       status >> kibibytes;
       return kibibytes;

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <string>
+#include <string_view>
 
 #include "control/client.h"
 #include "tests/support/service_process.h"
@@ -29,7 +30,9 @@ class RunningNbdd {
 
   [[nodiscard]] std::uint16_t port() const { return port_; }
   /// Memory that it holds now (VmRSS).
-  [[nodiscard]] std::size_t residentKibibytes() const;
+  [[nodiscard]] std::size_t residentKibibytes() const { return memory("VmRSS:"); }
+  /// The most that it ever held (VmHWM).
+  [[nodiscard]] std::size_t peakKibibytes() const { return memory("VmHWM:"); }
   [[nodiscard]] std::size_t descriptorCount() const;
 
   /// Ends it, in order. How that went, and its log.
@@ -38,6 +41,7 @@ class RunningNbdd {
 
  private:
   [[nodiscard]] std::filesystem::path procDirectory() const;
+  [[nodiscard]] std::size_t memory(std::string_view row) const;
 
   ServiceProcess service_;
   Control::Client control_;
