@@ -2,9 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <linux/loop.h>
 #include <sys/file.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -14,12 +12,14 @@
 #include <optional>
 #include <string>
 
+#include "tests/support/loop_device.h"
 #include "tests/support/service_process.h"
 
 namespace Nbdd {
 namespace {
 
 using Control::FailureCode;
+using ::Testing::LoopDevice;
 using ::Testing::TemporaryDirectory;
 
 FailureCode codeOfOpening(const std::string& path, bool readOnly = false) {
@@ -40,33 +40,6 @@ FailureCode codeForOrdinaryUser(const std::string& path, bool readOnly) {
   EXPECT_TRUE(WIFEXITED(status));
   return static_cast<FailureCode>(WEXITSTATUS(status));
 }
-
-/// A block device made of a file, for as long as this lives; empty where the system gives none.
-class LoopDevice {
- public:
-  explicit LoopDevice(const std::string& file) {
-    const Io::FileDescriptor control(::open("/dev/loop-control", O_RDWR | O_CLOEXEC));
-    const Io::FileDescriptor backing(::open(file.c_str(), O_RDWR | O_CLOEXEC));
-    // Somebody else may take the free device first.
-    for (int attempt = 0; control && backing && attempt < 10 && path_.empty(); ++attempt) {
-      const int number = ::ioctl(control.number(), LOOP_CTL_GET_FREE);
-      const std::string path = "/dev/loop" + std::to_string(number);
-      device_ = Io::FileDescriptor(::open(path.c_str(), O_RDWR | O_CLOEXEC));
-      if (device_ && ::ioctl(device_.number(), LOOP_SET_FD, backing.number()) == 0) path_ = path;
-    }
-  }
-  ~LoopDevice() {
-    if (!path_.empty()) ::ioctl(device_.number(), LOOP_CLR_FD, 0);
-  }
-  LoopDevice(const LoopDevice&) = delete;
-  LoopDevice& operator=(const LoopDevice&) = delete;
-
-  const std::string& path() const { return path_; }
-
- private:
-  Io::FileDescriptor device_;
-  std::string path_;
-};
 
 TEST(Node, AFileIsMeasuredExactly) {
   const TemporaryDirectory directory;
