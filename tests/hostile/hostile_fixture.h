@@ -8,8 +8,8 @@
 #include <string>
 #include <thread>
 
-#include "tests/support/running_nbdd.h"
 #include "tests/support/raw_client.h"
+#include "tests/support/running_nbdd.h"
 
 namespace Hostile {
 
