@@ -116,8 +116,10 @@ Io::Task<void> Transmission::run(std::vector<std::byte> received) {
       if (over_) {
         break;
       }
-      stream_.setReceiveThreshold(moderation_.threshold());
-      if (moderation_.threshold() > 1) {
+      // While requests wait for storage their replies bring the next ones singly, and storage shall have them all.
+      const std::size_t threshold = inFlight_ == 0 ? moderation_.threshold() : 1;
+      stream_.setReceiveThreshold(threshold);
+      if (threshold > 1) {
         guard_.start(ReceiveModeration::guardTime);
       }
       Io::Stream::Waiting readable = stream_.readable();
@@ -127,7 +129,10 @@ Io::Task<void> Transmission::run(std::vector<std::byte> received) {
     }
     const std::size_t used = execute(*input);
     keep(input->subspan(used));
-    moderation_.turned(std::exchange(taken_, 0), used);
+    const std::size_t taken = std::exchange(taken_, 0);
+    if (inFlight_ == 0) {
+      moderation_.turned(taken, used);
+    }
     endTurn();
     if (incoming_ && !over_) {
       Io::Task<void> receiving = receivePayload();
