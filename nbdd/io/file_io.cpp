@@ -142,12 +142,15 @@ class RingFileIo final : public FileIo, private EventHandler {
   RingFileIo(EventLoop& loop, ThreadPool& pool) : loop_(loop), pool_(loop, pool) {}
 
   bool open() {
-    for (const unsigned int flags : {IORING_SETUP_COOP_TASKRUN, 0U}) {
+    // With DEFER_TASKRUN (Linux 6.1) completions are worked off when we ask for them, many at a time.
+    for (const unsigned int flags :
+         {IORING_SETUP_SINGLE_ISSUER | IORING_SETUP_DEFER_TASKRUN, IORING_SETUP_COOP_TASKRUN, 0U}) {
       io_uring_params parameters{};
       parameters.flags = flags | IORING_SETUP_CQSIZE | IORING_SETUP_CLAMP;
       parameters.cq_entries = completionEntries;
       if (io_uring_queue_init_params(submissionEntries, &ring_, &parameters) == 0) {
         open_ = true;
+        deferred_ = (flags & IORING_SETUP_DEFER_TASKRUN) != 0;
         break;
       }
     }
@@ -245,6 +248,9 @@ class RingFileIo final : public FileIo, private EventHandler {
 
   void onEvents(std::uint32_t /*events*/) override {
     // Watched edge-triggered: each completion signals anew, so the eventfd need not be read.
+    if (deferred_) {
+      io_uring_get_events(&ring_);
+    }
     unsigned int head = 0;
     unsigned int count = 0;
     io_uring_cqe* completion = nullptr;
@@ -266,6 +272,7 @@ class RingFileIo final : public FileIo, private EventHandler {
   PoolFileIo pool_;
   io_uring ring_{};
   bool open_ = false;
+  bool deferred_ = false;  // the kernel works completions off only when asked
   bool submitting_ = false;
   FileDescriptor event_;
   std::size_t running_ = 0;

@@ -31,6 +31,11 @@ constexpr std::uint32_t inlineWriteLength = 1024 * 1024;
 // as they arrive.
 constexpr std::uint32_t collectedPayload = 64 * 1024;
 
+// So many reads in a row were not in the page cache: the next ones will not be either. One of so many is
+// tried all the same.
+constexpr unsigned int missesInARow = 4;
+constexpr unsigned int looksApart = 16;
+
 // Taken from a busy connection in one piece while the data of a large write arrive.
 constexpr std::size_t payloadPiece = std::size_t{1024} * 1024;
 
@@ -116,7 +121,8 @@ Io::Task<void> Transmission::run(std::vector<std::byte> received) {
       if (over_) {
         break;
       }
-      // While requests wait for storage their replies bring the next ones singly, and storage shall have them all.
+      // While requests wait for storage their replies bring the next ones singly, and storage shall have them
+      // all.
       const std::size_t threshold = inFlight_ == 0 ? moderation_.threshold() : 1;
       stream_.setReceiveThreshold(threshold);
       if (threshold > 1) {
@@ -451,7 +457,7 @@ void Transmission::read(const Request& request) {
   if (request.length == 0) {
     reply(request, Nbd::Error::none);
   } else if (request.length < sendFileLength) {
-    if (!readFromMemory(request)) {
+    if (!isWorthALook() || !readFromMemory(request)) {
       begin(request.length, readSlowly(request));
     }
   } else if (storage().node().memoryBacked || isCached(file, request.offset, request.length)) {
@@ -477,14 +483,22 @@ bool Transmission::readWithoutWaiting(std::span<std::byte> data, std::uint64_t o
                    storage().node().memoryBacked ? 0 : RWF_NOWAIT) == static_cast<ssize_t>(data.size());
 }
 
+/// Whether to try a read within the turn. A miss costs a system call, and begins to read from the device by
+/// itself, where the engine would begin several reads at once.
+bool Transmission::isWorthALook() {
+  return misses_ < missesInARow || storage().node().memoryBacked || ++passedOver_ % looksApart == 0;
+}
+
 /// Reads into the batch of replies without waiting for a device. False: that is not possible.
 bool Transmission::readFromMemory(const Request& request) {
   const std::size_t headerSize = replies_.dataHeaderSize();
   const std::span<std::byte> room = batch_.reserve(headerSize + request.length);
   const std::span<std::byte> data = room.subspan(headerSize);
   if (!readWithoutWaiting(data, request.offset)) {
+    ++misses_;
     return false;
   }
+  misses_ = 0;
   if (mayAnswerWithHoles(request) && isZero(data)) {
     batch_.commit(replies_.hole(room, request, Nbd::ReplyFlag::done, request.offset, request.length));
     countSent(request.length, 0);

@@ -74,6 +74,7 @@ class Transmission {
 
   // What needs no waiting (transmission.cpp)
   void read(const Request& request);
+  bool isWorthALook();
   bool readFromMemory(const Request& request);
   bool readWithoutWaiting(std::span<std::byte> data, std::uint64_t offset) const;
   void readBySendFile(const Request& request);
@@ -122,6 +123,8 @@ class Transmission {
   std::optional<Request> incoming_;  // a large write whose data are arriving
   std::size_t inFlight_ = 0;         // requests that wait for storage
   std::size_t inFlightBytes_ = 0;
+  unsigned int misses_ = 0;       // reads in a row that were not in memory
+  unsigned int passedOver_ = 0;   // reads that were not even tried
   std::size_t neededMemory_ = 0;  // for the write at the front, which waits for it
   MemoryBudget::Share memory_;    // for the next write
   bool largeWriteEnded_ = false;  // just now
