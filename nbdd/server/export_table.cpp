@@ -1,26 +1,31 @@
 #include "nbdd/server/export_table.h"
 
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sys/socket.h>
+#include <sys/epoll.h>
 
 #include <algorithm>
+#include <array>
 #include <iterator>
 #include <numeric>
+#include <ranges>
+#include <span>
 #include <utility>
 
 namespace Nbdd {
 
 namespace {
 
-/// Whether the peer of a connected socket has closed its side, or is gone altogether.
-bool peerIsGone(int socket) {
-  tcp_info info{};
-  socklen_t length = sizeof info;
-  if (::getsockopt(socket, IPPROTO_TCP, TCP_INFO, &info, &length) != 0) {
-    return false;  // no TCP socket: nothing is known
+/// Sessions whose peers are gone, told at once.
+constexpr std::size_t goneAtOnce = 256;
+
+/// The numbers of sessions whose peers have closed their side or are gone altogether, `most` at the most.
+std::vector<SessionId> goneSessions(int watch, std::size_t most) {
+  std::array<epoll_event, goneAtOnce> events;
+  const int count = ::epoll_wait(watch, events.data(), static_cast<int>(std::min(most, events.size())), 0);
+  std::vector<SessionId> gone;
+  for (const epoll_event& event : std::span(events).first(static_cast<std::size_t>(std::max(count, 0)))) {
+    gone.push_back(event.data.u64);
   }
-  return info.tcpi_state != TCP_ESTABLISHED;
+  return gone;
 }
 
 }  // namespace
@@ -88,11 +93,24 @@ ExportTable::Attachment ExportTable::attach(const std::shared_ptr<const Publicat
     return Attachment::withdrawn;
   }
   Usage& usage = usage_[publication->id];
-  if (std::ranges::any_of(usage.sessions, peerIsGone, &AttachedSession::socket)) {
+  if (!usage.gonePeers) {
+    usage.gonePeers = Io::FileDescriptor(::epoll_create1(EPOLL_CLOEXEC));
+  }
+  if (usage.gonePeers && !goneSessions(usage.gonePeers.number(), 1).empty()) {
     usage.waiting.push_back(std::move(wake));
     return Attachment::mustWait;
   }
-  usage.sessions.push_back(std::move(session));
+  epoll_event event{};
+  event.events = EPOLLRDHUP;  // errors and hang-ups are told unasked
+  event.data.u64 = session.id;
+  if (::epoll_ctl(usage.gonePeers.number(), EPOLL_CTL_ADD, session.socket, &event) != 0) {
+    if (usage.sessions.empty()) {
+      usage_.erase(publication->id);
+    }
+    return Attachment::outOfDescriptors;
+  }
+  const SessionId id = session.id;
+  usage.sessions.emplace(id, std::move(session));
   return Attachment::attached;
 }
 
@@ -106,7 +124,10 @@ void ExportTable::detach(Control::ExportId id, SessionId session) {
       return;
     }
     Usage& usage = found->second;
-    std::erase_if(usage.sessions, [&](const AttachedSession& attached) { return attached.id == session; });
+    if (const auto attached = usage.sessions.find(session); attached != usage.sessions.end()) {
+      ::epoll_ctl(usage.gonePeers.number(), EPOLL_CTL_DEL, attached->second.socket, nullptr);
+      usage.sessions.erase(attached);
+    }
     waiting.swap(usage.waiting);
     last = usage.sessions.empty();
     if (last) {
@@ -123,16 +144,20 @@ void ExportTable::detach(Control::ExportId id, SessionId session) {
 
 std::vector<AttachedSession> ExportTable::sessions(Control::ExportId id) const {
   const std::lock_guard lock(mutex_);
-  const auto found = usage_.find(id);
-  return found == usage_.end() ? std::vector<AttachedSession>() : found->second.sessions;
+  std::vector<AttachedSession> sessions;
+  if (const auto found = usage_.find(id); found != usage_.end()) {
+    std::ranges::copy(found->second.sessions | std::views::values, std::back_inserter(sessions));
+  }
+  return sessions;
 }
 
 std::vector<AttachedSession> ExportTable::sessionsOfGonePeers(Control::ExportId id) const {
   const std::lock_guard lock(mutex_);
   std::vector<AttachedSession> gone;
   if (const auto found = usage_.find(id); found != usage_.end()) {
-    std::ranges::copy_if(found->second.sessions, std::back_inserter(gone), peerIsGone,
-                         &AttachedSession::socket);
+    for (const SessionId session : goneSessions(found->second.gonePeers.number(), goneAtOnce)) {
+      gone.push_back(found->second.sessions.at(session));
+    }
   }
   return gone;
 }

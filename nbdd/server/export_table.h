@@ -15,6 +15,7 @@
 #include "control/records.h"
 #include "nbd/export_view.h"
 #include "nbdd/exports/publication.h"
+#include "nbdd/io/file_descriptor.h"
 
 namespace Nbdd {
 
@@ -46,7 +47,12 @@ class ExportTable final : public Nbd::ExportDirectory {
   std::optional<Nbd::ExportView> find(std::string_view name) const override;
   std::shared_ptr<const std::vector<Nbd::ListedExport>> list() const override;
 
-  enum class Attachment : std::uint8_t { attached, withdrawn, mustWait };
+  enum class Attachment : std::uint8_t {
+    attached,
+    withdrawn,
+    mustWait,
+    outOfDescriptors,  // the system has none left to watch the session with
+  };
 
   /// Registers a session with the publication it found before.
   ///
@@ -59,7 +65,8 @@ class ExportTable final : public Nbd::ExportDirectory {
   void detach(Control::ExportId id, SessionId session);
 
   std::vector<AttachedSession> sessions(Control::ExportId id) const;
-  /// Those of them whose peer is gone: whom a session that must wait is waiting for.
+  /// Those of them whose peer is gone: whom a session that must wait is waiting for. When they are hundreds,
+  /// some.
   std::vector<AttachedSession> sessionsOfGonePeers(Control::ExportId id) const;
   std::size_t sessionCount(Control::ExportId id) const;
   /// Of all exports together.
@@ -67,7 +74,10 @@ class ExportTable final : public Nbd::ExportDirectory {
 
  private:
   struct Usage {
-    std::vector<AttachedSession> sessions;
+    std::map<SessionId, AttachedSession> sessions;
+    /// An epoll set of their sockets, which are ready when their peers are gone: thousands need not be asked
+    /// one by one whenever another client comes.
+    Io::FileDescriptor gonePeers;
     std::vector<std::function<void()>> waiting;
   };
 

@@ -137,6 +137,11 @@ Io::Task<bool> Session::attach(std::shared_ptr<const Publication> publication) {
     const ExportTable::Attachment attachment = worker_.table().attach(
         publication, {.id = id_, .worker = &worker_, .socket = stream_.descriptor(), .peer = peer_},
         [worker = &worker_, id = id_] { worker->wakeSession(id); });
+    if (attachment == ExportTable::Attachment::outOfDescriptors) {
+      log(LogLevel::warning, "out-of-descriptors",
+          "export {}: turned client {} port {} away: no descriptors are left",
+          static_cast<std::uint32_t>(publication->id), peer_.address, peer_.port);
+    }
     if (attachment != ExportTable::Attachment::mustWait) {
       co_return attachment == ExportTable::Attachment::attached;
     }

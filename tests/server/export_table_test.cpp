@@ -124,9 +124,10 @@ TEST_F(ExportTableTest, NobodyAttachesToWhatIsWithdrawnOrPublishedAnew) {
 
 TEST_F(ExportTableTest, CountsSessionsAndTellsWhenTheLastHasLeft) {
   const Connection connection;
+  Connection other;
   publish(firstId, "one");
   EXPECT_EQ(attach(firstId, 7, connection), ExportTable::Attachment::attached);
-  EXPECT_EQ(attach(firstId, 8, connection), ExportTable::Attachment::attached);
+  EXPECT_EQ(attach(firstId, 8, other), ExportTable::Attachment::attached);
   EXPECT_EQ(table_.sessions(firstId).size(), 2U);
   table_.detach(firstId, 7);
   EXPECT_EQ(lastLeft_, 0);
