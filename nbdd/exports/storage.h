@@ -10,6 +10,7 @@
 
 #include "nbdd/exports/known_data.h"
 #include "nbdd/exports/mapping.h"
+#include "nbdd/exports/write_pace.h"
 #include "nbdd/io/file_descriptor.h"
 
 namespace Nbdd {
@@ -85,6 +86,8 @@ class Storage {
   }
   KnownData& knownData() { return knownData_; }
 
+  WritePace& writePace() { return writePace_; }
+
  private:
   struct Durability {
     std::atomic<bool> failed = false;
@@ -95,6 +98,7 @@ class Storage {
   std::optional<Mapping> mapping_;
   std::atomic<bool> mayHaveHoles_ = false;
   KnownData knownData_;
+  WritePace writePace_;
   const std::shared_ptr<Durability> durability_;
 };
 

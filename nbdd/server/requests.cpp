@@ -282,7 +282,7 @@ Io::Task<int> Transmission::syncIfAsked(Request request, int error) {
   co_return failure;
 }
 
-Io::Task<void> Transmission::flushSlowly(Request request) {
+Io::Task<void> Transmission::syncSlowly(Request request) {
   SyncWaiting sync(worker_, publication_);
   const int error = co_await sync;
   postReply(request, error);

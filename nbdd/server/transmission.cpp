@@ -39,12 +39,8 @@ constexpr unsigned int looksApart = 16;
 // Taken from a busy connection in one piece while the data of a large write arrive.
 constexpr std::size_t payloadPiece = std::size_t{1024} * 1024;
 
-/// Writes all of it, here and now. 0 or an errno.
-int writeNow(const Storage& storage, std::span<const std::byte> data, std::uint64_t offset) {
-  if (const Mapping* const mapping = storage.mapping(); mapping != nullptr && mapping->write(data, offset)) {
-    return 0;
-  }
-  const int file = storage.descriptor();
+/// Writes all of it with write(2). 0 or an errno.
+int writeAll(int file, std::span<const std::byte> data, std::uint64_t offset) {
   while (!data.empty()) {
     const ssize_t written = ::pwrite(file, data.data(), data.size(), static_cast<off_t>(offset));
     if (written < 0 && errno != EINTR) {
@@ -58,6 +54,20 @@ int writeNow(const Storage& storage, std::span<const std::byte> data, std::uint6
     offset += count;
   }
   return 0;
+}
+
+/// Writes all of it, here and now. 0 or an errno.
+int writeNow(Storage& storage, std::span<const std::byte> data, std::uint64_t offset) {
+  if (storage.node().memoryBacked) {
+    const Mapping* const mapping = storage.mapping();
+    const bool done = mapping != nullptr && mapping->write(data, offset);
+    return done ? 0 : writeAll(storage.descriptor(), data, offset);
+  }
+  const WritePace::Clock::time_point begin = WritePace::Clock::now();
+  const int error = writeAll(storage.descriptor(), data, offset);
+  const WritePace::Clock::time_point end = WritePace::Clock::now();
+  storage.writePace().wrote(end - begin, end);
+  return error;
 }
 
 std::string_view commandName(Nbd::Command command) {
@@ -280,19 +290,25 @@ void Transmission::expectNext(std::span<const std::byte> input) const {
 /// A write, and what has arrived behind it. Returns as executeOne.
 std::size_t Transmission::executeWrite(const Request& request, std::span<const std::byte> payload) {
   const std::size_t headerSize = Nbd::requestSizeOf(limits_.headers);
-  if (payload.size() >= request.length) {
-    if (!reserveMemory(request)) {
-      carriedIsRunnable_ = true;
+  if (payload.size() < request.length) {
+    if (request.length <= collectedPayload) {
       return 0;
     }
-    write(request, payload.first(request.length));
-    return headerSize + request.length;
+    incoming_ = request;
+    return headerSize;
   }
-  if (request.length <= collectedPayload) {
+  const std::span<const std::byte> data = payload.first(request.length);
+  if (!mustWait(request)) {
+    writeAtOnce(request, data);
+  } else if (reserveMemory(request)) {
+    Io::Buffer copy = worker_.buffers().take(data.size());
+    std::ranges::copy(data, copy.data());
+    begin(data.size(), writeSlowly(request, std::move(copy), std::exchange(memory_, {})));
+  } else {
+    carriedIsRunnable_ = true;
     return 0;
   }
-  incoming_ = request;
-  return headerSize;
+  return headerSize + request.length;
 }
 
 /// A request for the status of some contexts alone, and what has arrived behind it. Returns as executeOne.
@@ -311,9 +327,10 @@ std::size_t Transmission::executeFiltered(const Request& request, std::span<cons
   return Nbd::requestSizeOf(limits_.headers) + request.length;
 }
 
-/// Whether the memory for a write that has to wait for storage is there. If not, the connection waits for it.
+/// Whether the memory for a write, which has to wait for storage, is there. If not, the connection waits for
+/// it.
 bool Transmission::reserveMemory(const Request& request) {
-  if (memory_ || !mustWait(request)) {
+  if (memory_) {
     return true;
   }
   memory_ = worker_.payloadMemory().tryTake(request.length);
@@ -323,7 +340,14 @@ bool Transmission::reserveMemory(const Request& request) {
 
 /// Whether a write cannot be carried out within the turn.
 bool Transmission::mustWait(const Request& request) const {
-  return request.length > 0 && (!storage().node().memoryBacked || request.length > inlineWriteLength);
+  if (storage().node().memoryBacked) {
+    return request.length > inlineWriteLength;
+  }
+  // Of a page that is written in part the rest might have to be read first.
+  static const auto page = static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
+  return request.length > 0 &&
+         (request.length > collectedPayload || request.offset % page != 0 || request.length % page != 0 ||
+          !storage().writePace().quick(worker_.loop().now()));
 }
 
 std::size_t Transmission::refuse(const Request& request, Nbd::Error error) {
@@ -400,7 +424,7 @@ Io::Task<void> Transmission::receivePayload() {
   if (!complete) {
     over();
   } else if (!mustWait(request)) {
-    write(request, payload.buffer.bytes());
+    writeAtOnce(request, payload.buffer.bytes());
     endTurn();
   } else {
     begin(request.length, writeSlowly(request, std::move(payload.buffer), std::move(payload.share)));
@@ -536,31 +560,28 @@ void Transmission::readBySendFile(const Request& request) {
   }
 }
 
-void Transmission::write(const Request& request, std::span<const std::byte> data) {
-  if (data.empty()) {
-    reply(request, Nbd::Error::none);
-    return;
-  }
-  if (!mustWait(request)) {
-    // Memory is as stable as this storage gets, so FUA asks for nothing more.
-    const int error = storage().failed() ? EIO : writeNow(storage(), data, request.offset);
+void Transmission::writeAtOnce(const Request& request, std::span<const std::byte> data) {
+  const int error = storage().failed() ? EIO : writeNow(storage(), data, request.offset);
+  if (!data.empty()) {
     received_.transfers += 1;
     received_.bytes += data.size();
     received_.bytesTransferred += data.size();
-    logFailure(request, error);
-    reply(request, wireError(error));
+  }
+  // Memory is as stable as such storage gets, so there FUA asks for nothing more.
+  if (error == 0 && (request.flags & Nbd::CommandFlag::fua) != 0 && !data.empty() &&
+      !storage().node().memoryBacked) {
+    begin(0, syncSlowly(request));
     return;
   }
-  Io::Buffer payload = worker_.buffers().take(data.size());
-  std::ranges::copy(data, payload.data());
-  begin(data.size(), writeSlowly(request, std::move(payload), std::exchange(memory_, {})));
+  logFailure(request, error);
+  reply(request, wireError(error));
 }
 
 void Transmission::flush(const Request& request) {
   if (storage().node().memoryBacked) {
     reply(request, storage().failed() ? Nbd::Error::io : Nbd::Error::none);
   } else {
-    begin(0, flushSlowly(request));
+    begin(0, syncSlowly(request));
   }
 }
 

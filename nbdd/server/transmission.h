@@ -78,7 +78,7 @@ class Transmission {
   bool readFromMemory(const Request& request);
   bool readWithoutWaiting(std::span<std::byte> data, std::uint64_t offset) const;
   void readBySendFile(const Request& request);
-  void write(const Request& request, std::span<const std::byte> data);
+  void writeAtOnce(const Request& request, std::span<const std::byte> data);
   void flush(const Request& request);
 
   // What waits (requests.cpp)
@@ -86,7 +86,7 @@ class Transmission {
   Io::Task<void> counted(std::size_t bytes, Io::Task<void> task);
   Io::Task<void> readSlowly(Request request);
   Io::Task<void> writeSlowly(Request request, Io::Buffer payload, MemoryBudget::Share share);
-  Io::Task<void> flushSlowly(Request request);
+  Io::Task<void> syncSlowly(Request request);
   Io::Task<void> trimSlowly(Request request);
   Io::Task<void> writeZeroesSlowly(Request request);
   Io::Task<void> cacheSlowly(Request request);
