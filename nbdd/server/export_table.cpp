@@ -28,6 +28,10 @@ std::vector<SessionId> goneSessions(int watch, std::size_t most) {
   return gone;
 }
 
+bool isAmong(const std::vector<SessionId>& sessions, SessionId session) {
+  return std::ranges::find(sessions, session) != sessions.end();
+}
+
 }  // namespace
 
 void ExportTable::publish(Publication publication) {
@@ -43,6 +47,7 @@ void ExportTable::withdraw(Control::ExportId id) {
   if (const auto name = names_.find(id); name != names_.end()) {
     published_.erase(name->second);
     names_.erase(name);
+    newest_.erase(id);
     listing_ = nullptr;
   }
 }
@@ -110,6 +115,15 @@ ExportTable::Attachment ExportTable::attach(const std::shared_ptr<const Publicat
     return Attachment::outOfDescriptors;
   }
   const SessionId id = session.id;
+  SessionId& newest = newest_[publication->id];
+  if (id < newest && isAmong(goneSessions(usage.gonePeers.number(), goneAtOnce), id)) {
+    ::epoll_ctl(usage.gonePeers.number(), EPOLL_CTL_DEL, session.socket, nullptr);
+    if (usage.sessions.empty()) {
+      usage_.erase(publication->id);
+    }
+    return Attachment::overtaken;
+  }
+  newest = std::max(newest, id);
   usage.sessions.emplace(id, std::move(session));
   return Attachment::attached;
 }

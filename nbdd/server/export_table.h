@@ -51,6 +51,7 @@ class ExportTable final : public Nbd::ExportDirectory {
     attached,
     withdrawn,
     mustWait,
+    overtaken,         // a younger session came first, and this one's client has gone
     outOfDescriptors,  // the system has none left to watch the session with
   };
 
@@ -58,8 +59,9 @@ class ExportTable final : public Nbd::ExportDirectory {
   ///
   /// A client whose connection died may still have writes under way here, and may be the one that comes back
   /// now: while the export has sessions whose peer is gone, the answer is `mustWait`, and `wake` is called
-  /// (on any thread) when it is worth trying again. So a write of a dead connection never lands after one of
-  /// the connection that follows it.
+  /// (on any thread) when it is worth trying again. A session may wait so long
+  /// that its own client goes too, and comes back with another one that is let in first: then it is
+  /// `overtaken`. So a write of a dead connection never lands after one of the connection that follows it.
   Attachment attach(const std::shared_ptr<const Publication>& publication, AttachedSession session,
                     std::function<void()> wake);
   void detach(Control::ExportId id, SessionId session);
@@ -88,6 +90,7 @@ class ExportTable final : public Nbd::ExportDirectory {
   std::map<std::string, std::shared_ptr<const Publication>, std::less<>> published_;  // by name
   std::unordered_map<Control::ExportId, std::string> names_;                          // of the published ones
   std::unordered_map<Control::ExportId, Usage> usage_;
+  std::unordered_map<Control::ExportId, SessionId> newest_;  // that was ever let in, of the published ones
   mutable std::shared_ptr<const std::vector<Nbd::ListedExport>> listing_;  // null when it is out of date
 };
 

@@ -155,5 +155,30 @@ TEST_F(ExportTableTest, ANewSessionWaitsForThoseWhosePeerIsGone) {
   EXPECT_EQ(attach(firstId, 3, next), ExportTable::Attachment::attached);
 }
 
+// It may have been let in meanwhile, and have written what the one that waited would write over.
+TEST_F(ExportTableTest, WhoseClientHasGoneWhileItWaitedComesTooLate) {
+  Connection dead;
+  Connection waiting;
+  const Connection next;
+  publish(firstId, "one");
+  ASSERT_EQ(attach(firstId, 1, dead), ExportTable::Attachment::attached);
+  dead.closeClient();
+  ASSERT_EQ(attach(firstId, 2, waiting), ExportTable::Attachment::mustWait);
+  waiting.closeClient();
+  table_.detach(firstId, 1);
+  ASSERT_EQ(attach(firstId, 3, next), ExportTable::Attachment::attached);
+  EXPECT_EQ(attach(firstId, 2, waiting), ExportTable::Attachment::overtaken);
+  table_.detach(firstId, 3);
+  EXPECT_EQ(attach(firstId, 2, waiting), ExportTable::Attachment::overtaken);
+}
+
+// Nobody can have come after it, and its requests are as good as any.
+TEST_F(ExportTableTest, WhoseClientHasGoneEarlyIsServedAsLongAsItIsTheYoungest) {
+  Connection gone;
+  publish(firstId, "one");
+  gone.closeClient();
+  EXPECT_EQ(attach(firstId, 1, gone), ExportTable::Attachment::attached);
+}
+
 }  // namespace
 }  // namespace Nbdd
