@@ -23,7 +23,8 @@ std::vector<SessionId> goneSessions(int watch, std::size_t most) {
   const int count = ::epoll_wait(watch, events.data(), static_cast<int>(std::min(most, events.size())), 0);
   std::vector<SessionId> gone;
   for (const epoll_event& event : std::span(events).first(static_cast<std::size_t>(std::max(count, 0)))) {
-    gone.push_back(event.data.u64);
+    const SessionId session = event.data.u64;  // the event is packed, so nothing may refer to it
+    gone.push_back(session);
   }
   return gone;
 }
