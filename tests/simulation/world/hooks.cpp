@@ -21,7 +21,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 using Nbdd::GroupSync;
-using Simulation::Bug;
 using Simulation::World;
 using Job = std::move_only_function<void()>;
 using Files = std::unique_ptr<Nbdd::Io::FileIo>;

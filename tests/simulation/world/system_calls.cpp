@@ -36,7 +36,6 @@
 
 namespace {
 
-using Simulation::Bug;
 using Simulation::Epoll;
 using Simulation::EventCounter;
 using Simulation::File;
