@@ -70,6 +70,9 @@ constexpr std::array table{
                        "Unmount it, or disable the import with force."},
     FailureDescription{importNodeFailed, "importNodeFailed", "No local node could be made for the import.",
                        "See the message; FUSE or the kernel's nbd driver may be missing."},
+    FailureDescription{remoteExportChanged, "remoteExportChanged",
+                       "The remote export is not what it was when the import was enabled.",
+                       "Give it back its size and abilities, or disable and enable the import."},
 
     FailureDescription{portInUse, "portInUse", "Another program listens on the server's port.",
                        "End it, or choose another port in nbdd.toml."},

@@ -46,6 +46,7 @@ enum class FailureCode : std::uint32_t {
   noSuchRemoteExport = 0x31,
   importInUse = 0x32,
   importNodeFailed = 0x33,
+  remoteExportChanged = 0x34,
 
   // The local server.
   portInUse = 0x40,

@@ -144,4 +144,55 @@ inline constexpr std::size_t knownDataRuns = 1024;
 /// Threads for calls that block, in all: as many requests a disk sees at once without io_uring.
 inline constexpr std::size_t poolThreads = 64;
 
+// Imports: what remote servers can make us hold or wait for.
+
+/// Imports that one service holds. Each takes a thread while it is enabled; a host with more remote disks
+/// than that is unheard of.
+inline constexpr std::size_t imports = 1024;
+
+/// Programs that are connected to the socket of one import: enough for every tool that opens several
+/// connections.
+inline constexpr std::size_t nodeClients = 256;
+
+/// The pause after a connection could not be accepted for want of something.
+inline constexpr std::chrono::milliseconds acceptRetry{100};
+
+/// How long a connection to a remote server may take from its first packet to the end of the handshake, and
+/// how much of that one of several addresses of a host may take. An operator waits for it.
+inline constexpr std::chrono::seconds dialTime{15};
+inline constexpr std::chrono::seconds connectTime{5};
+
+/// Names of hosts that are looked up at the same time. Each takes a thread, for as long as the resolver
+/// takes.
+inline constexpr int nameLookups = 16;
+
+/// Connections of one import, where the server allows several: more than a few only divide the same path.
+inline constexpr std::size_t importConnections = 4;
+
+/// Requests of one import connection that the server has not answered: the depth that stock servers and
+/// clients are tuned for. What goes beyond waits here.
+inline constexpr std::size_t importRequestsInFlight = 128;
+
+/// Bytes taken from a server at once; larger data go straight to where they belong.
+inline constexpr std::size_t importInput = std::size_t{256} * 1024;
+
+/// Requests whose headers and data leave with one system call.
+inline constexpr std::size_t importSendBatch = 64;
+
+/// Pauses before a lost connection is made again: from the first to the longest, doubling.
+inline constexpr std::chrono::milliseconds reconnectFirst{50};
+inline constexpr std::chrono::milliseconds reconnectLongest{10'000};
+
+/// A server says nothing at all for so long, not even that it has received what we sent: the path is dead.
+inline constexpr std::chrono::seconds silentPath{30};
+
+/// How long requests wait after such a connection until they are asked again on the next: a host that was
+/// stopped as a whole and goes on has by then done what it had received.
+inline constexpr std::chrono::seconds settleTime{5};
+
+/// Connections on which the server breaks the protocol, each within so short a life, until nobody tries any
+/// more: programs shall hear of it rather than wait for ever.
+inline constexpr int violationsInARow = 8;
+inline constexpr std::chrono::seconds shortLife{60};
+
 }  // namespace Nbdd::Limits

@@ -1,0 +1,246 @@
+#include "nbdd/remote/device.h"
+
+#include <fmt/core.h>
+
+#include <algorithm>
+#include <iterator>
+#include <random>
+
+#include "nbd/contract.h"
+#include "nbdd/log/log.h"
+
+// Each link is a coroutine that keeps one connection: dials, uses it until it ends, pauses, dials again.
+// Requests wait in one queue and go to the connection that has the fewest. Those of a connection that has
+// ended come back to the front of the queue, in their order.
+
+namespace Nbdd::Remote {
+
+namespace {
+
+using Control::Failure;
+using Control::FailureCode;
+using Nbd::ClientHandshake;
+namespace Flag = Nbd::TransmissionFlag;
+
+/// What an export can do, as far as programs rely on it.
+constexpr std::uint16_t capabilities = Flag::sendFlush | Flag::sendFua | Flag::sendTrim |
+                                       Flag::sendWriteZeroes | Flag::sendCache | Flag::sendFastZero;
+
+Nbd::Request wireRequest(const Request& request, Nbd::HeaderStyle headers) {
+  return {.flags = static_cast<std::uint16_t>(request.flags | Nbd::plainFlags(request.command, headers)),
+          .type = request.command,
+          .offset = request.offset,
+          .length = request.length};
+}
+
+bool isEmptyTransfer(const Request& request) {
+  return request.length == 0 && request.command != Nbd::Command::flush &&
+         request.command != Nbd::Command::blockStatus;
+}
+
+}  // namespace
+
+Device::Device(Io::EventLoop& loop, Options options, Events events)
+    : loop_(loop), options_(std::move(options)), events_(std::move(events)) {}
+
+void Device::start() {
+  links_.emplace_back(loop_);
+  scope_.spawn(keepConnected(0));
+}
+
+void Device::connectMore() {
+  const bool several = (geometry_->limits.transmissionFlags & Flag::canMultiConn) != 0;
+  while (several && links_.size() < options_.connections) {
+    links_.emplace_back(loop_);
+    scope_.spawn(keepConnected(links_.size() - 1));
+  }
+}
+
+Io::Task<void> Device::keepConnected(std::size_t number) {
+  Link& link = links_[number];
+  Backoff backoff(options_.pauses, std::random_device{}());
+  while (!stopping_) {
+    Dialler dialler(loop_, options_.server, options_.patience);
+    link.dialler = &dialler;
+    Io::Task<DialResult> dialling =
+        dialler.dial({.exportName = options_.exportName, .extendedHeaders = true});
+    DialResult dialled = co_await dialling;
+    link.dialler = nullptr;
+    if (stopping_) break;
+    std::optional<Failure> refused;
+    if (!dialled) {
+      refused = std::move(dialled.error());
+    } else {
+      refused = refusal(dialled->agreement);
+    }
+    if (refused) {
+      if (live_.empty()) events_.waiting(*refused);
+    } else {
+      Io::Task<void> using_ = use(link, std::move(*dialled), backoff);
+      co_await using_;
+    }
+    if (stopping_) break;
+    Io::Task<void> pausing = pause(backoff.next(), link.wake);
+    co_await pausing;
+  }
+}
+
+Io::Task<void> Device::use(Link& link, Dialled dialled, Backoff& backoff) {
+  if (!link.unproven.empty()) {
+    Io::Task<void> settling = pause(options_.settleTime, link.wake);
+    co_await settling;
+    if (stopping_) co_return;
+    waiting_.insert(waiting_.begin(), link.unproven.begin(), link.unproven.end());
+    link.unproven.clear();
+  }
+  Connection connection(loop_, std::move(dialled), [this] { distribute(); });
+  const Io::Clock::time_point begin = Io::Clock::now();
+  live_.push_back(&connection);
+  events_.changed();
+  if (live_.size() == 1) events_.connected();
+  connectMore();
+  distribute();
+  Io::Task<Connection::Ending> running = connection.run();
+  const Connection::Ending ending = co_await running;
+  std::erase(live_, &connection);
+  events_.changed();
+  if (connection.provedGood()) backoff.reset();
+  if (Io::Clock::now() - begin > Limits::shortLife) violations_ = 0;
+  ended(link, connection, ending);
+}
+
+void Device::ended(Link& link, Connection& connection, const Connection::Ending& ending) {
+  const std::vector<Request*> unanswered = connection.takeUnanswered();
+  if (stopping_) {
+    for (Request* const request : unanswered) fail(*request, Nbd::Error::io);
+    return;
+  }
+  if (ending.kind == Connection::Ending::Kind::silent) {
+    link.unproven = unanswered;
+  } else {
+    waiting_.insert(waiting_.begin(), unanswered.begin(), unanswered.end());
+  }
+  if (ending.kind == Connection::Ending::Kind::violation && ++violations_ >= Limits::violationsInARow) {
+    return giveUp(ending.reason);
+  }
+  if (live_.empty()) {
+    events_.waiting(failure(FailureCode::connectionFailed, ending.reason));
+  } else {
+    distribute();
+  }
+}
+
+Io::Task<void> Device::pause(std::chrono::milliseconds time, Io::Signal& wake) {
+  Io::Timer timer(loop_, [&wake] { wake.notify(); });
+  timer.start(time);
+  while (timer.running() && !stopping_) {
+    Io::Signal::Waiting waiting = wake.wait();
+    co_await waiting;
+  }
+}
+
+// --- The same export or none
+
+Device::Geometry Device::geometryOf(const ClientHandshake::Agreement& agreement, bool readOnly) {
+  Geometry geometry{.limits = agreement.limits(), .preferredBlock = agreement.remote.preferredBlock};
+  if (readOnly) geometry.limits.transmissionFlags |= Flag::readOnly;
+  return geometry;
+}
+
+std::optional<Failure> Device::refusal(const ClientHandshake::Agreement& agreement) {
+  const Geometry offered = geometryOf(agreement, options_.readOnly);
+  if (!geometry_) {
+    geometry_ = offered;
+    return std::nullopt;
+  }
+  const Nbd::ExportLimits& was = geometry_->limits;
+  const Nbd::ExportLimits& is = offered.limits;
+  std::string what;
+  if (is.size != was.size) {
+    what = fmt::format("the export has {} bytes now instead of {}", is.size, was.size);
+  } else if (((is.transmissionFlags ^ was.transmissionFlags) & Flag::readOnly) != 0) {
+    what = (is.transmissionFlags & Flag::readOnly) != 0
+               ? "the export can only be read now"
+               : "the export can be written now, but could not before";
+  } else if ((was.transmissionFlags & ~is.transmissionFlags & capabilities) != 0 ||
+             (was.blockStatus && !is.blockStatus)) {
+    what = "the server offers less for the export than it did";
+  } else if (is.minimumBlock > was.minimumBlock || is.maximumPayload < was.maximumPayload) {
+    what = fmt::format("the export takes blocks of {} to {} bytes now instead of {} to {}", is.minimumBlock,
+                       is.maximumPayload, was.minimumBlock, was.maximumPayload);
+  } else if (was.headers == Nbd::HeaderStyle::extended && is.headers != was.headers) {
+    what = "the server takes no requests of the same lengths any more";
+  } else if (links_.size() > 1 && (is.transmissionFlags & Flag::canMultiConn) == 0) {
+    what = "the server does not promise any more that several connections see the same";
+  } else {
+    return std::nullopt;
+  }
+  return failure(FailureCode::remoteExportChanged, what);
+}
+
+Failure Device::failure(FailureCode code, std::string_view what) const {
+  return {code, fmt::format("{} port {}: {}", escaped(options_.server.host), options_.server.port, what)};
+}
+
+// --- Requests
+
+void Device::submit(Request& request) {
+  Nbd::require(geometry_.has_value());
+  if (stopping_) return fail(request, Nbd::Error::io);
+  const Nbd::ExportLimits& limits = geometry_->limits;
+  if (request.length > maximumLength(limits)) return fail(request, Nbd::Error::inval);
+  if (const auto error = Nbd::validate(wireRequest(request, limits.headers), limits)) {
+    return fail(request, *error);
+  }
+  if (isEmptyTransfer(request)) return fail(request, Nbd::Error::none);
+  waiting_.push_back(&request);
+  distribute();
+}
+
+void Device::distribute() {
+  while (!waiting_.empty()) {
+    Connection* best = nullptr;
+    for (Connection* const candidate : live_) {
+      if (candidate->hasRoom() && (best == nullptr || candidate->inFlight() < best->inFlight()))
+        best = candidate;
+    }
+    if (best == nullptr) return;
+    best->submit(*waiting_.front());
+    waiting_.pop_front();
+  }
+}
+
+void Device::fail(Request& request, Nbd::Error error) {
+  failed_.emplace_back(&request, error);
+  if (failed_.size() == 1) scope_.spawn(tellFailed());
+}
+
+Io::Task<void> Device::tellFailed() {
+  Io::EndOfTurn turn(loop_);
+  co_await turn;
+  for (const auto& [request, error] : std::exchange(failed_, {})) request->done(error);
+}
+
+void Device::failAll() {
+  for (Request* const request : std::exchange(waiting_, {})) fail(*request, Nbd::Error::io);
+  for (Link& link : links_) {
+    for (Request* const request : std::exchange(link.unproven, {})) fail(*request, Nbd::Error::io);
+  }
+}
+
+void Device::giveUp(const std::string& reason) {
+  stop();
+  events_.failed(failure(FailureCode::remoteProtocolError, reason));
+}
+
+void Device::stop() {
+  stopping_ = true;
+  failAll();
+  for (Link& link : links_) {
+    link.wake.notify();
+    if (link.dialler != nullptr) link.dialler->cancel();
+  }
+  for (Connection* const connection : live_) connection->stop();
+}
+
+}  // namespace Nbdd::Remote

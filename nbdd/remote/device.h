@@ -1,0 +1,127 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <limits>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "control/failure.h"
+#include "nbd/client_handshake.h"
+#include "nbd/validation.h"
+#include "nbdd/io/event_loop.h"
+#include "nbdd/io/scope.h"
+#include "nbdd/io/signal.h"
+#include "nbdd/io/task.h"
+#include "nbdd/limits.h"
+#include "nbdd/remote/backoff.h"
+#include "nbdd/remote/connection.h"
+#include "nbdd/remote/dialler.h"
+#include "nbdd/remote/request.h"
+
+namespace Nbdd::Remote {
+
+/// A remote export as storage that does not go away: requests are answered by the server, over one connection
+/// or several, however often these have to be made again. docs/imports.md states the rules that keep this
+/// safe. One loop's thread.
+class Device {
+ public:
+  struct Options {
+    Place server;
+    std::string exportName;
+    bool readOnly = false;  ///< never write, whatever the server allows
+    std::size_t connections = Limits::importConnections;
+    Dialler::Patience patience = Dialler::usualPatience();
+    Backoff::Pauses pauses = {};
+    std::chrono::milliseconds settleTime = Limits::settleTime;
+  };
+
+  /// What users of the device have to know, on the loop's thread. None of them may destroy the device.
+  struct Events {
+    /// There is a connection, now or again.
+    std::function<void()> connected;
+    /// There is none any more, or an attempt to make one has failed: why. Another attempt follows.
+    std::function<void(const Control::Failure&)> waiting;
+    /// The server cannot be worked with: what was asked has failed, and no more attempts are made.
+    std::function<void(const Control::Failure&)> failed;
+    /// connections() is another number.
+    std::function<void()> changed = [] {};
+  };
+
+  Device(Io::EventLoop& loop, Options options, Events events);
+  Device(const Device&) = delete;
+  Device& operator=(const Device&) = delete;
+
+  /// Begins to connect.
+  void start();
+
+  /// What the export is, and the limits of requests; known from the first `connected` on, and from then on
+  /// the same.
+  const Nbd::ExportLimits& limits() const { return geometry_->limits; }
+  /// Bytes that a request without data may be about; a multiple of any block size.
+  static std::uint64_t maximumLength(const Nbd::ExportLimits& limits) {
+    constexpr std::uint64_t compact = std::uint64_t{1} << 31;
+    return limits.headers == Nbd::HeaderStyle::extended ? std::numeric_limits<std::uint64_t>::max() : compact;
+  }
+  std::uint32_t preferredBlock() const { return geometry_->preferredBlock; }
+  bool hasGeometry() const { return geometry_.has_value(); }
+  std::size_t connections() const { return live_.size(); }
+
+  /// Asks the server, sooner or later. A request that the limits forbid is answered without it.
+  void submit(Request& request);
+
+  /// Ends it: connections are closed at once, requests that are not answered fail. Then `stopped` ends.
+  void stop();
+  Io::Scope::Joined stopped() { return scope_.join(); }
+
+ private:
+  struct Geometry {
+    Nbd::ExportLimits limits;
+    std::uint32_t preferredBlock = 0;
+  };
+
+  struct Link {
+    explicit Link(Io::EventLoop& loop) : wake(loop) {}
+    Io::Signal wake;
+    Dialler* dialler = nullptr;
+    std::vector<Request*> unproven;  ///< of a connection that ended in silence
+  };
+
+  Io::Task<void> keepConnected(std::size_t number);
+  Io::Task<void> use(Link& link, Dialled dialled, Backoff& backoff);
+  Io::Task<void> pause(std::chrono::milliseconds time, Io::Signal& wake);
+  Io::Task<void> tellFailed();
+  void connectMore();
+  void ended(Link& link, Connection& connection, const Connection::Ending& ending);
+  void distribute();
+  void fail(Request& request, Nbd::Error error);
+  void failAll();
+  void giveUp(const std::string& reason);
+
+  /// Why the export as it was now negotiated cannot stand in for what it was at first; the first time it sets
+  /// what it was.
+  std::optional<Control::Failure> refusal(const Nbd::ClientHandshake::Agreement& agreement);
+  Control::Failure failure(Control::FailureCode code, std::string_view what) const;
+  static Geometry geometryOf(const Nbd::ClientHandshake::Agreement& agreement, bool readOnly);
+
+  Io::EventLoop& loop_;
+  const Options options_;
+  const Events events_;
+  std::optional<Geometry> geometry_;
+  bool stopping_ = false;
+  int violations_ = 0;
+
+  std::deque<Request*> waiting_;                         // for a connection with room
+  std::vector<std::pair<Request*, Nbd::Error>> failed_;  // whoever asked is to be told at the end of the turn
+  std::deque<Link> links_;
+  std::vector<Connection*> live_;
+  Io::Scope scope_;
+};
+
+}  // namespace Nbdd::Remote
