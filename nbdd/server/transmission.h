@@ -72,7 +72,7 @@ class Transmission {
   };
   Io::Task<bool> receiveUpTo(Payload& payload, std::size_t length);
 
-  // What needs no waiting, and replies (immediate.cpp)
+  // What needs no waiting (transmission.cpp)
   void read(const Request& request);
   bool isWorthALook();
   bool readFromMemory(const Request& request);

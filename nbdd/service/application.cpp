@@ -72,8 +72,9 @@ StartUp<void> Application::start() {
   auto listener = listenForControl();
   if (!listener) return std::unexpected(std::move(listener.error()));
 
-  service_ =
-      std::make_unique<LocalService>(loop_, store_, std::move(*state), listening(configuration_), *storage);
+  service_ = std::make_unique<LocalService>(loop_, store_, std::move(*state),
+                                            locations_.runtimeDirectory / "imports",
+                                            listening(configuration_), *storage);
   service_->restore();
   control_ =
       std::make_unique<ControlServer>(loop_, *service_, identity(), std::move(*listener),

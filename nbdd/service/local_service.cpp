@@ -29,10 +29,12 @@ Failure endingFailure() { return {FailureCode::serviceStopping, "the service is 
 }  // namespace
 
 LocalService::LocalService(Io::EventLoop& loop, StateStore& store, SavedState state,
-                           ListenConfiguration listening, Server::Options serverOptions)
+                           std::filesystem::path nodes, ListenConfiguration listening,
+                           Server::Options serverOptions)
     : loop_(loop),
       store_(store),
       saved_(std::move(state)),
+      nodes_(std::move(nodes)),
       listening_(std::move(listening)),
       retryDelay_(Limits::listenRetryFirst),
       retry_(loop, [this] { listenAgain(); }),
@@ -41,12 +43,16 @@ LocalService::LocalService(Io::EventLoop& loop, StateStore& store, SavedState st
           {.lastClientLeft = [this](Control::ExportId id) { registry_.lastClientLeft(id); },
            .storageFailed = [this](Control::ExportId id, int error) { registry_.storageFailed(id, error); }}),
       publisher_(server_),
-      registry_(publisher_, [this] { return save(); }) {}
+      registry_(publisher_, [this] { return save(); }),
+      imports_([this](const SavedImport& saved,
+                      ImportEvents events) { return startImport(saved, std::move(events)); },
+               [this] { return save(); }) {}
 
 LocalService::~LocalService() = default;
 
 void LocalService::restore() {
   registry_.restore(saved_);
+  imports_.restore(saved_);
   if (saved_.serverStarted) listenAgain();
 }
 
@@ -63,6 +69,7 @@ void LocalService::listenAgain() {
 
 Control::Result<void> LocalService::save() {
   registry_.describe(saved_);
+  imports_.describe(saved_);
   auto stored = store_.save(saved_);
   if (!stored) log(LogLevel::error, "state-not-saved", "{}", stored.error().message);
   return stored;
@@ -80,8 +87,11 @@ void LocalService::close(Io::Function done) {
   ending_ = true;
   retry_.cancel();
   ended_ = std::move(done);
-  if (closing_) return;
-  closeServer();
+  if (!closing_) closeServer();
+  imports_.close([this] {
+    importsClosed_ = true;
+    endIfClosed();
+  });
 }
 
 void LocalService::closeServer() {
@@ -91,7 +101,8 @@ void LocalService::closeServer() {
 }
 
 bool LocalService::active() const {
-  return saved_.serverStarted || closing_ || registry_.activeCount() > 0 || server_.connectionCount() > 0;
+  return saved_.serverStarted || closing_ || registry_.activeCount() > 0 || imports_.activeCount() > 0 ||
+         server_.connectionCount() > 0;
 }
 
 std::string LocalService::summary() const {
@@ -138,7 +149,11 @@ void LocalService::serverClosed() {
   closing_ = false;
   for (Answer<void>& answer : std::exchange(stopAnswers_, {})) answer({});
   for (auto& answer : std::exchange(startAnswers_, {})) serverStart(std::move(answer));
-  if (ended_) std::exchange(ended_, {})();
+  endIfClosed();
+}
+
+void LocalService::endIfClosed() {
+  if (ended_ && !closing_ && importsClosed_) std::exchange(ended_, {})();
 }
 
 void LocalService::serverCapabilities(Answer<Control::Flags<Control::ServerCapability>> answer) {
@@ -232,32 +247,45 @@ void LocalService::exportRemove(Control::ExportId id, Answer<void> answer) {
 
 // Imports.
 
-void LocalService::importList(Answer<std::vector<Control::ImportId>> answer) {
-  answerNotSupported(answer, "imports are");
+std::unique_ptr<ImportRun> LocalService::startImport(const SavedImport& saved, ImportEvents events) {
+  constexpr std::uint16_t usualPort = 10809;
+  RunningImport::Options options{
+      .device = {.server = {.host = saved.server.address,
+                            .port = saved.server.port == 0 ? usualPort : saved.server.port},
+                 .exportName = saved.name,
+                 .readOnly = saved.flags.has(Control::ImportFlag::forceReadOnly)},
+      .directory = nodes_ / std::to_string(static_cast<std::uint32_t>(saved.id))};
+  return std::make_unique<RunningImport>(loop_, std::move(options), std::move(events));
 }
 
-void LocalService::importInfo(Control::ImportId /*id*/, Answer<Control::ImportInfo> answer) {
-  answerNotSupported(answer, "imports are");
+void LocalService::importList(Answer<std::vector<Control::ImportId>> answer) { answer(imports_.list()); }
+
+void LocalService::importInfo(Control::ImportId id, Answer<Control::ImportInfo> answer) {
+  answer(imports_.info(id));
 }
 
-void LocalService::importAdd(Control::ImportDescriptor /*descriptor*/, Answer<Control::ImportId> answer) {
-  answerNotSupported(answer, "imports are");
+void LocalService::importAdd(Control::ImportDescriptor descriptor, Answer<Control::ImportId> answer) {
+  if (ending_) return answer(std::unexpected(endingFailure()));
+  answer(imports_.add(descriptor));
 }
 
-void LocalService::importEnable(Control::ImportId /*id*/, Answer<void> answer) {
-  answerNotSupported(answer, "imports are");
+void LocalService::importEnable(Control::ImportId id, Answer<void> answer) {
+  if (ending_) return answer(std::unexpected(endingFailure()));
+  imports_.enable(id, std::move(answer));
 }
 
-void LocalService::importDisable(Control::ImportId /*id*/, bool /*force*/, Answer<void> answer) {
-  answerNotSupported(answer, "imports are");
+void LocalService::importDisable(Control::ImportId id, bool force, Answer<void> answer) {
+  if (ending_) return answer(std::unexpected(endingFailure()));
+  imports_.disable(id, force, std::move(answer));
 }
 
-void LocalService::importRemove(Control::ImportId /*id*/, Answer<void> answer) {
-  answerNotSupported(answer, "imports are");
+void LocalService::importRemove(Control::ImportId id, Answer<void> answer) {
+  if (ending_) return answer(std::unexpected(endingFailure()));
+  answer(imports_.remove(id));
 }
 
-void LocalService::importListNodeInterfaces(Control::ImportId /*id*/, Answer<Control::Variant> answer) {
-  answerNotSupported(answer, "imports are");
+void LocalService::importListNodeInterfaces(Control::ImportId id, Answer<Control::Variant> answer) {
+  answer(imports_.nodeInterfaces(id));
 }
 
 void LocalService::importEnableTransferCompression(bool /*enable*/, Answer<void> answer) {

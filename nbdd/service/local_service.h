@@ -2,11 +2,14 @@
 
 #include <chrono>
 #include <cstddef>
+#include <filesystem>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "control/interface.h"
 #include "nbdd/exports/registry.h"
+#include "nbdd/imports/import_registry.h"
 #include "nbdd/io/event_loop.h"
 #include "nbdd/server/server.h"
 #include "nbdd/service/server_properties.h"
@@ -14,7 +17,7 @@
 
 namespace Nbdd {
 
-/// The operations of the control socket, done by the export registry and the NBD server of this process.
+/// The operations of the control socket, done by the registries and the NBD server of this process.
 ///
 /// Keeps what has to survive in a StateStore: a started server listens again after a restart, and if it
 /// cannot (another program took the port meanwhile), it goes on trying, less and less often. Everything
@@ -23,8 +26,9 @@ class LocalService final : public Control::Service {
  public:
   /// Starts the server's threads. `store` and `loop` outlive this; `state` is what was loaded from `store`.
   /// Throws std::system_error if the system refuses the threads (start-up only).
-  LocalService(Io::EventLoop& loop, StateStore& store, SavedState state, ListenConfiguration listening,
-               Server::Options serverOptions = {});
+  /// `nodes`: the directory for the nodes of imports; made when it is needed.
+  LocalService(Io::EventLoop& loop, StateStore& store, SavedState state, std::filesystem::path nodes,
+               ListenConfiguration listening, Server::Options serverOptions = {});
   ~LocalService() override;
   LocalService(const LocalService&) = delete;
   LocalService& operator=(const LocalService&) = delete;
@@ -103,11 +107,14 @@ class LocalService final : public Control::Service {
   void listenAgain();
   void closeServer();
   void serverClosed();
+  std::unique_ptr<ImportRun> startImport(const SavedImport& saved, ImportEvents events);
+  void endIfClosed();
 
   const Io::Clock::time_point began_ = Io::Clock::now();
   Io::EventLoop& loop_;
   StateStore& store_;
   SavedState saved_;
+  const std::filesystem::path nodes_;
   const ListenConfiguration listening_;
 
   // The server is closing: who asked for it, and who asks for a new start meanwhile.
@@ -115,6 +122,7 @@ class LocalService final : public Control::Service {
   bool ending_ = false;
   std::vector<Control::Answer<void>> stopAnswers_;
   std::vector<Control::Answer<std::vector<Control::NetIfFirewallState>>> startAnswers_;
+  bool importsClosed_ = false;
   Io::Function ended_;
 
   std::chrono::milliseconds retryDelay_;
@@ -123,6 +131,7 @@ class LocalService final : public Control::Service {
   Server server_;
   Publisher publisher_;
   ExportRegistry registry_;
+  ImportRegistry imports_;
 };
 
 }  // namespace Nbdd

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "control/json_writer.h"
+#include "nbd/bytes.h"
 #include "nbdd/exports/identity.h"
 #include "nbdd/limits.h"
 
@@ -23,18 +24,29 @@ using Json = nlohmann::json;
 using Failure = std::unexpected<std::string>;
 
 constexpr std::string_view formatName = "org.talvek.NBD.state";
-constexpr std::uint64_t formatVersion = 1;
+constexpr std::uint64_t formatVersion = 2;
+constexpr std::uint64_t versionWithoutImports = 1;
+
+/// What the next ID is when all were given.
+constexpr std::uint64_t usedUp = std::uint64_t{std::numeric_limits<std::uint32_t>::max()} + 1;
 
 constexpr std::array exportMembers{"id",   "name",      "node",     "readOnly",
                                    "uuid", "elemCount", "elemSize", "wanted"};
 constexpr std::array serverMembers{"uuid", "started"};
 constexpr std::array stateMembers{"format", "version", "server", "nextExportId", "exports"};
+constexpr std::array stateMembersWithImports{"format",  "version",      "server", "nextExportId",
+                                             "exports", "nextImportId", "imports"};
+constexpr std::array importMembers{"id", "name", "address", "port", "dontAnnounce", "readOnly", "wanted"};
 
 constexpr std::array<std::pair<std::string_view, Wanted>, 3> wantedWords{{
     {"added", Wanted::added},
     {"enabled", Wanted::enabled},
     {"disabled", Wanted::disabled},
 }};
+
+std::string_view wordOf(Wanted wanted) {
+  return std::ranges::find(wantedWords, wanted, [](const auto& row) { return row.second; })->first;
+}
 
 std::string exportLine(const SavedExport& saved) {
   Control::JsonWriter writer;
@@ -54,10 +66,40 @@ std::string exportLine(const SavedExport& saved) {
   writer.key("elemSize");
   writer.number(saved.elemSize);
   writer.key("wanted");
-  writer.string(
-      std::ranges::find(wantedWords, saved.wanted, [](const auto& row) { return row.second; })->first);
+  writer.string(wordOf(saved.wanted));
   writer.endObject();
   return writer.take();
+}
+
+std::string importLine(const SavedImport& saved) {
+  Control::JsonWriter writer;
+  writer.beginObject();
+  writer.key("id");
+  writer.number(static_cast<std::uint32_t>(saved.id));
+  writer.key("name");
+  writer.string(saved.name);
+  writer.key("address");
+  writer.string(saved.server.address);
+  writer.key("port");
+  writer.number(saved.server.port);
+  writer.key("dontAnnounce");
+  writer.boolean(saved.flags.has(Control::ImportFlag::dontAnnounceStorage));
+  writer.key("readOnly");
+  writer.boolean(saved.flags.has(Control::ImportFlag::forceReadOnly));
+  writer.key("wanted");
+  writer.string(wordOf(saved.wanted));
+  writer.endObject();
+  return writer.take();
+}
+
+template <class Entry>
+std::string listOf(const std::vector<Entry>& entries, std::string (*line)(const Entry&)) {
+  std::string text = "[";
+  for (bool first = true; const Entry& entry : entries) {
+    text += std::exchange(first, false) ? "\n" : ",\n";
+    text += line(entry);
+  }
+  return text + "\n]";
 }
 
 /// Whether `value` is an object of exactly these members.
@@ -112,6 +154,55 @@ std::expected<SavedExport, std::string> exportFrom(const Json& value) {
   return saved;
 }
 
+std::expected<SavedImport, std::string> importFrom(const Json& value) {
+  if (!hasExactly(value, importMembers)) return Failure("has an import with a member too many or too few");
+  const std::optional<std::uint64_t> id = wholeNumber(value["id"]);
+  if (!id || *id == 0 || *id > std::numeric_limits<std::uint32_t>::max()) {
+    return Failure("has an import whose ID is no number from 1 to 4294967295");
+  }
+  const std::optional<Wanted> wanted = wantedFrom(value["wanted"]);
+  const std::optional<std::uint64_t> port = wholeNumber(value["port"]);
+  const bool typesFit = value["name"].is_string() && value["address"].is_string() && port &&
+                        *port <= std::numeric_limits<std::uint16_t>::max() && wanted &&
+                        value["dontAnnounce"].is_boolean() && value["readOnly"].is_boolean();
+  if (!typesFit) return Failure(fmt::format("has a value of the wrong kind in the import with ID {}", *id));
+  SavedImport saved;
+  saved.id = static_cast<Control::ImportId>(*id);
+  saved.name = value["name"].get_ref<const std::string&>();
+  saved.server = {.address = value["address"].get_ref<const std::string&>(),
+                  .port = static_cast<std::uint16_t>(*port)};
+  if (value["dontAnnounce"].get<bool>()) saved.flags.set(Control::ImportFlag::dontAnnounceStorage);
+  if (value["readOnly"].get<bool>()) saved.flags.set(Control::ImportFlag::forceReadOnly);
+  saved.wanted = *wanted;
+  if (!Nbd::isWireString(saved.name) || saved.server.address.empty()) {
+    return Failure(
+        fmt::format("has a name or address that no import can have, in the import with ID {}", *id));
+  }
+  return saved;
+}
+
+/// Reads "nextImportId" and "imports", which a file of the first version does not have.
+std::expected<void, std::string> readImports(const Json& root, SavedState& state) {
+  const std::optional<std::uint64_t> next = wholeNumber(root["nextImportId"]);
+  if (!next || *next == 0 || *next > usedUp) return Failure("does not say the next import's ID");
+  state.nextImportId = *next;
+  const Json& list = root["imports"];
+  if (!list.is_array()) return Failure("has no list of imports");
+  if (list.size() > Limits::imports) return Failure(fmt::format("has more than {} imports", Limits::imports));
+  std::uint64_t last = 0;
+  for (const Json& value : list) {
+    auto saved = importFrom(value);
+    if (!saved) return Failure(std::move(saved.error()));
+    const auto id = static_cast<std::uint32_t>(saved->id);
+    if (id <= last || id >= state.nextImportId) {
+      return Failure(fmt::format("has the import with ID {} out of order", id));
+    }
+    last = id;
+    state.imports.push_back(std::move(*saved));
+  }
+  return {};
+}
+
 std::expected<void, std::string> readExports(const Json& list, SavedState& state) {
   if (!list.is_array()) return Failure("has no list of exports");
   if (list.size() > Limits::exports) return Failure(fmt::format("has more than {} exports", Limits::exports));
@@ -144,14 +235,16 @@ std::string printState(const SavedState& state) {
   server.key("started");
   server.boolean(state.serverStarted);
   server.endObject();
+  const bool hadImports = state.nextImportId > 1;
   std::string text =
-      fmt::format("{{\"format\":\"{}\",\"version\":{},\n\"server\":{},\n\"nextExportId\":{},\n\"exports\":[",
-                  formatName, formatVersion, server.take(), state.nextExportId);
-  for (bool first = true; const SavedExport& saved : state.exports) {
-    text += std::exchange(first, false) ? "\n" : ",\n";
-    text += exportLine(saved);
+      fmt::format("{{\"format\":\"{}\",\"version\":{},\n\"server\":{},\n\"nextExportId\":{},\n\"exports\":{}",
+                  formatName, hadImports ? formatVersion : versionWithoutImports, server.take(),
+                  state.nextExportId, listOf(state.exports, exportLine));
+  if (hadImports) {
+    text += fmt::format(",\n\"nextImportId\":{},\n\"imports\":{}", state.nextImportId,
+                        listOf(state.imports, importLine));
   }
-  text += "\n]}\n";
+  text += "}\n";
   return text;
 }
 
@@ -168,8 +261,9 @@ std::expected<SavedState, std::string> parseState(std::string_view text) {
     return Failure(fmt::format("was written by a newer nbdd (its version is {}, this nbdd reads {})",
                                *version, formatVersion));
   }
-  if (!hasExactly(root, stateMembers)) {
-    return Failure("has other members than format, version, server, nextExportId and exports");
+  const bool knowsImports = *version > versionWithoutImports;
+  if (knowsImports ? !hasExactly(root, stateMembersWithImports) : !hasExactly(root, stateMembers)) {
+    return Failure("has other members than a file of its version");
   }
   const Json& server = root["server"];
   if (!hasExactly(server, serverMembers) || !server["uuid"].is_string() || !server["started"].is_boolean() ||
@@ -180,10 +274,12 @@ std::expected<SavedState, std::string> parseState(std::string_view text) {
   state.serverUuid = server["uuid"].get_ref<const std::string&>();
   state.serverStarted = server["started"].get<bool>();
   const std::optional<std::uint64_t> next = wholeNumber(root["nextExportId"]);
-  constexpr std::uint64_t usedUp = std::uint64_t{std::numeric_limits<std::uint32_t>::max()} + 1;
   if (!next || *next == 0 || *next > usedUp) return Failure("does not say the next export's ID");
   state.nextExportId = *next;
   if (auto read = readExports(root["exports"], state); !read) return Failure(std::move(read.error()));
+  if (knowsImports) {
+    if (auto read = readImports(root, state); !read) return Failure(std::move(read.error()));
+  }
   return state;
 }
 

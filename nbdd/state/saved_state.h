@@ -10,7 +10,7 @@
 
 namespace Nbdd {
 
-/// What the operator last asked of an export: the part of its state that outlives the service.
+/// What the operator last asked of an export or import: the part of its state that outlives the service.
 enum class Wanted { added, enabled, disabled };
 
 /// One export as the state file holds it.
@@ -28,6 +28,17 @@ struct SavedExport {
   friend bool operator==(const SavedExport&, const SavedExport&) = default;
 };
 
+/// One import as the state file holds it.
+struct SavedImport {
+  Control::ImportId id{};
+  std::string name;
+  Control::Endpoint server;
+  Control::Flags<Control::ImportFlag> flags = {};
+  Wanted wanted = Wanted::added;
+
+  friend bool operator==(const SavedImport&, const SavedImport&) = default;
+};
+
 /// Everything that survives the end of the service.
 struct SavedState {
   std::string serverUuid;
@@ -37,11 +48,15 @@ struct SavedState {
   std::uint64_t nextExportId = 1;
   /// In ascending order of IDs, which is the order in which they were added.
   std::vector<SavedExport> exports;
+  /// The same for imports.
+  std::uint64_t nextImportId = 1;
+  std::vector<SavedImport> imports;
 
   friend bool operator==(const SavedState&, const SavedState&) = default;
 };
 
-/// The JSON text of the state file, one line for each export, with a line end at its end.
+/// The JSON text of the state file, one line for each export and import, with a line end at its end. Its
+/// version is the oldest that can say it: what never had an import is readable by an nbdd that knows none.
 std::string printState(const SavedState& state);
 
 /// Reads the text of a state file. Strict: whatever `printState` would not have written in meaning (another

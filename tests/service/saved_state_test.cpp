@@ -37,6 +37,20 @@ SavedState sample() {
   return state;
 }
 
+SavedState sampleWithImports() {
+  SavedState state = sample();
+  state.nextImportId = 6;
+  state.imports = {
+      {.id = Control::ImportId{2}, .name = "", .server = {.address = "192.0.2.7"}, .wanted = Wanted::enabled},
+      {.id = Control::ImportId{5},
+       .name = "gr\"ö\\ße",
+       .server = {.address = "nas.example", .port = 65535},
+       .flags = {Control::ImportFlag::dontAnnounceStorage, Control::ImportFlag::forceReadOnly},
+       .wanted = Wanted::added},
+  };
+  return state;
+}
+
 /// The sample's text with the first `before` replaced by `after`.
 std::string changed(const std::string& before, const std::string& after) {
   std::string text = printState(sample());
@@ -64,6 +78,53 @@ TEST(SavedState, TheTextStaysReadableByLaterVersions) {
 )");
 }
 
+TEST(SavedState, ImportsAreReadAndWrittenInTheSecondVersion) {
+  EXPECT_EQ(parseState(printState(sampleWithImports())).value(), sampleWithImports());
+  const std::string text = printState(sampleWithImports());
+  EXPECT_NE(text.find("\"version\":2,"), std::string::npos);
+  EXPECT_TRUE(text.ends_with(R"(
+],
+"nextImportId":6,
+"imports":[
+{"id":2,"name":"","address":"192.0.2.7","port":0,"dontAnnounce":false,"readOnly":false,"wanted":"enabled"},
+{"id":5,"name":"gr\"ö\\ße","address":"nas.example","port":65535,"dontAnnounce":true,"readOnly":true,"wanted":"added"}
+]}
+)")) << text;
+  // Removed imports leave their numbers behind.
+  SavedState removed = sample();
+  removed.nextImportId = 6;
+  EXPECT_EQ(parseState(printState(removed)).value(), removed);
+}
+
+TEST(SavedState, NoImportThatDoesNotFitIsTaken) {
+  const std::string whole = printState(sampleWithImports());
+  const std::vector<std::pair<std::string, std::string>> changes{
+      {"\"version\":2", "\"version\":1"},
+      {"\"nextImportId\":6", "\"nextImportId\":5"},
+      {"\"nextImportId\":6", "\"nextImportId\":\"6\""},
+      {"\"id\":2,\"name\":\"\"", "\"id\":5,\"name\":\"\""},
+      {"\"id\":2,\"name\":\"\"", "\"id\":0,\"name\":\"\""},
+      {"\"address\":\"192.0.2.7\"", "\"address\":\"\""},
+      {"\"address\":\"192.0.2.7\"", "\"address\":7"},
+      {"\"port\":0", "\"port\":65536"},
+      {"\"port\":0", "\"port\":-1"},
+      {"\"port\":0,", ""},
+      {"\"dontAnnounce\":false", "\"dontAnnounce\":null"},
+      {"\"dontAnnounce\":false", "\"dontAnnounce\":false,\"more\":1"},
+      {"\"imports\":[", "\"imports\":[1,"},
+      {"\"imports\":[", "\"others\":[],\"imports\":["},
+  };
+  for (const auto& [before, after] : changes) {
+    std::string text = whole;
+    const std::size_t at = text.rfind(before);
+    ASSERT_NE(at, std::string::npos) << before;
+    EXPECT_FALSE(parseState(text.replace(at, before.size(), after)).has_value()) << before << " -> " << after;
+  }
+  for (std::size_t length = 0; length + 1 < whole.size(); ++length) {
+    EXPECT_FALSE(parseState(whole.substr(0, length)).has_value()) << length;
+  }
+}
+
 TEST(SavedState, EveryTornTextIsRefused) {
   const std::string whole = printState(sample());
   // All but the line end at its end belongs to the text.
@@ -73,7 +134,7 @@ TEST(SavedState, EveryTornTextIsRefused) {
 }
 
 TEST(SavedState, ANewerVersionIsToldFromDamage) {
-  const auto newer = parseState(changed("\"version\":1", "\"version\":2"));
+  const auto newer = parseState(changed("\"version\":1", "\"version\":3"));
   ASSERT_FALSE(newer.has_value());
   EXPECT_NE(newer.error().find("newer"), std::string::npos);
   const auto damaged = parseState(changed("\"version\":1", "\"version\":\"1\""));
