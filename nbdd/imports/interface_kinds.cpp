@@ -2,6 +2,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "nbdd/imports/file_node.h"
 #include "nbdd/imports/node_interface.h"
 #include "nbdd/imports/socket_node.h"
 
@@ -20,6 +21,7 @@ std::optional<std::string> missingForBlock() {
 
 constexpr std::array kinds{
     InterfaceKind{"block", missingForBlock, nullptr},
+    InterfaceKind{"file", FileNode::missing, FileNode::make},
     InterfaceKind{"socket", SocketNode::missing, SocketNode::make},
 };
 

@@ -65,6 +65,11 @@ class Importing:
     def socket_uri(self, number):
         return f"nbd+unix:///?socket={self.nodes(number)['socket']['path']}"
 
+    def file(self, number):
+        node = self.nodes(number)["file"]
+        self.assertEqual(node["state"], "active", node)
+        return Path(node["path"])
+
     def imported(self, remote, **more):
         number = self.add(remote, **more)
         self.enable(number)
@@ -160,6 +165,168 @@ class Nodes(Importing, unittest.TestCase):
             ]
         )  # fmt: skip
         self.assertGreaterEqual(self.info(number)["connections"], 2, "the server allows several connections")
+
+
+def fio(target, *more):
+    return [
+        processes.tool("fio"), "--name=verify", f"--filename={target}", "--ioengine=psync", "--rw=randwrite", "--bs=4k",
+        "--size=8m", "--verify=crc32c", "--do_verify=1", "--verify_fatal=1", *more,
+    ]  # fmt: skip
+
+
+class Files(Importing, unittest.TestCase):
+    """The node "file"."""
+
+    def test_files_are_copied_in_and_out(self):
+        for kind in remotes.KINDS:
+            with self.subTest(server=kind.__name__):
+                remote = kind(self, self.image).start()
+                number = self.imported(remote)
+                file = self.file(number)
+                self.assertEqual(self.info(number)["node"], str(file))
+                self.assertEqual(file.stat().st_size, images.SIZE)
+                self.assertEqual(checksum(file), checksum(self.image))
+                source = self.service.root / "source"
+                source.write_bytes(images.random_bytes(images.SIZE, seed=len(kind.__name__)))
+                processes.run(["cp", source, file])
+                processes.run(["sync", file])
+                self.assertEqual(checksum(self.image), checksum(source))
+                self.disable(number)
+                self.assertFalse(file.exists())
+                remote.kill()
+
+    def test_a_file_system_on_a_loop_device_is_whole(self):
+        remote = remotes.Nbdd(self, self.image).start()
+        number = self.imported(remote)
+        device = images.loop_device(self, self.file(number))
+        processes.run([processes.tool("mkfs.ext4"), "-q", device])
+        place = self.service.root / "mounted"
+        place.mkdir()
+        content = images.random_bytes(2 * images.MIB, seed=5)
+        for _ in range(2):
+            processes.run([processes.tool("mount"), device, place])
+            try:
+                (place / "file").write_bytes(content)
+                self.assertEqual((place / "file").read_bytes(), content)
+            finally:
+                processes.run([processes.tool("umount"), place])
+            processes.run([processes.tool("e2fsck"), "-f", "-n", device])
+        processes.run([processes.tool("e2fsck"), "-f", "-n", self.image])
+
+    def test_it_is_like_a_disk(self):
+        images.write_odd(self.image)
+        remote = remotes.Nbdkit(self, self.image).start()
+        file = self.file(self.imported(remote))
+        with open(file, "r+b", buffering=0) as node:
+            os.lseek(node.fileno(), images.ODD_SIZE - 3, os.SEEK_SET)
+            self.assertEqual(node.write(b"abcdef"), 3, "what does not fit is not written")
+            with self.assertRaises(OSError) as refused:
+                node.write(b"x")
+            self.assertEqual(refused.exception.errno, errno.ENOSPC)
+            self.assertEqual(os.pread(node.fileno(), 100, images.ODD_SIZE - 3), b"abc")
+            self.assertEqual(os.pread(node.fileno(), 100, images.ODD_SIZE), b"")
+            with self.assertRaises(OSError):
+                os.truncate(file, 4096)
+            with mmap.mmap(node.fileno(), 0) as mapped:
+                mapped[100:104] = b"mmap"
+                mapped.flush()
+            os.fsync(node.fileno())
+        content = images.content(self.image)
+        self.assertEqual(len(content), images.ODD_SIZE)
+        self.assertEqual(content[-3:], b"abc")
+        self.assertEqual(content[100:104], b"mmap")
+
+    def test_holes_are_found_punched_and_zeroed(self):
+        remote = remotes.Nbdd(self, self.image).start()
+        file = self.file(self.imported(remote))
+        with open(file, "r+b", buffering=0) as node:
+            self.assertEqual(os.lseek(node.fileno(), 0, os.SEEK_HOLE), images.MIB)
+            self.assertEqual(os.lseek(node.fileno(), images.MIB, os.SEEK_DATA), 2 * images.MIB)
+            for offset, *mode in ((4096, "--punch-hole"), (128 * 1024 + 7, "--zero-range", "--keep-size")):
+                processes.run(
+                    [processes.tool("fallocate"), *mode, "--offset", offset, "--length", 65536 + 5, file]
+                )
+                self.assertEqual(images.content(self.image)[offset : offset + 65541], bytes(65541))
+                self.assertEqual(os.pread(node.fileno(), 65541, offset), bytes(65541))
+
+    def test_writes_that_are_no_whole_blocks(self):
+        class Strict(remotes.Remote):
+            """Takes whole blocks alone."""
+
+            def command(self):
+                words = [processes.tool("nbdkit"), "-f", "-i", "127.0.0.1", "-p", self.port]
+                rules = ["blocksize-minimum=4096", "blocksize-preferred=4096", "blocksize-maximum=64k"]
+                return [*words, "--filter=blocksize-policy", "file", self.image, *rules,
+                        "blocksize-error-policy=error"]  # fmt: skip
+
+        expected = bytearray(images.content(self.image))
+        file = self.file(self.imported(Strict(self, self.image).start()))
+        with open(file, "r+b", buffering=0) as node:
+            for index, length in enumerate((1, 100, 4096, 5000, 300_000)):
+                offset, data = 1000 + 400_000 * index, images.random_bytes(length, seed=length)
+                self.assertEqual(os.pwrite(node.fileno(), data, offset), length)
+                expected[offset : offset + length] = data
+            os.fsync(node.fileno())
+        self.assertEqual(images.first_difference(images.content(self.image), bytes(expected)), "")
+
+    def test_read_only_is_read_only(self):
+        remote = remotes.Nbdkit(self, self.image).start()
+        file = self.file(self.imported(remote, flags=["forceReadOnly"]))
+        with self.assertRaises(OSError) as refused:
+            open(file, "r+b")
+        self.assertEqual(refused.exception.errno, errno.EROFS)
+        self.assertEqual(file.stat().st_mode & 0o777, 0o400)
+
+    def test_read_errors_stay_errors(self):
+        class Failing(remotes.Remote):
+            def command(self):
+                words = [processes.tool("nbdkit"), "-f", "-i", "127.0.0.1", "-p", self.port, "--filter=error"]
+                return [*words, "file", self.image, "error-pread=EIO", "error-pread-rate=100%"]
+
+        file = self.file(self.imported(Failing(self, self.image).start()))
+        with self.assertRaises(OSError) as failed:
+            file.read_bytes()
+        self.assertEqual(failed.exception.errno, errno.EIO)
+
+    def test_what_is_used_is_taken_away_by_force_alone(self):
+        remote = remotes.Nbdkit(self, self.image).start()
+        number = self.imported(remote)
+        file = self.file(number)
+        with open(file, "rb", buffering=0) as node:
+            with self.assertRaises(Failed) as refused:
+                self.disable(number, force=False)
+            self.assertEqual(refused.exception.code, IMPORT_IN_USE)
+            os.kill(remote.process.pid, signal.SIGSTOP)
+            reading = subprocess.Popen(["cat", file], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            self.addCleanup(processes.end, reading)
+            processes.wait_until(lambda: self.nodes(number)["file"]["users"] == 2, "the reader")
+            self.disable(number)
+            self.assertNotEqual(reading.wait(processes.LIMIT_SECONDS), 0)
+            with self.assertRaises(OSError):
+                os.pread(node.fileno(), 4096, 4 * images.MIB)
+        self.assertFalse(file.exists())
+
+    def test_the_path_is_the_same_after_kill_9(self):
+        remote = remotes.Nbdkit(self, self.image).start()
+        number = self.imported(remote)
+        file = self.file(number)
+        self.service.kill()
+        self.service.start()
+        self.await_state(number, "connected")
+        self.assertEqual(self.file(number), file)
+        self.assertEqual(checksum(file), checksum(self.image))
+
+    def test_nothing_is_left_mounted(self):
+        remote = remotes.Nbdkit(self, self.image).start()
+        file = self.file(self.imported(remote))
+        self.service.stop()
+        self.assertNotIn(str(file), Path("/proc/self/mountinfo").read_text())
+
+    def test_many_programs_write_and_verify(self):
+        remote = remotes.Nbdd(self, self.image).start()
+        file = self.file(self.imported(remote))
+        processes.run(fio(file, "--numjobs=1"))
+        processes.run(fio(file, "--ioengine=libaio", "--direct=1", "--iodepth=32"))
 
 
 class Life(Importing, unittest.TestCase):
@@ -322,3 +489,15 @@ class Storms(Importing, unittest.TestCase):
             remote.kill()
             remote.start()
             self.await_state(number, "connected")
+
+    def test_the_file_lives_through_it_too(self):
+        remote = remotes.Nbdkit(self, self.image).start()
+        number = self.imported(remote)
+        job = subprocess.Popen(
+            fio(self.file(number), "--loops=1000", "--time_based=1", f"--runtime={max(self.ROUNDS // 2, 5)}"),
+            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+        )  # fmt: skip
+        self.addCleanup(processes.end, job)
+        self.kill_and_restart(remote, number)
+        out, _ = job.communicate(timeout=processes.LIMIT_SECONDS)
+        self.assertEqual(job.returncode, 0, out)
