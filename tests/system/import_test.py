@@ -161,7 +161,7 @@ class Nodes(Importing, unittest.TestCase):
             [
                 processes.tool("fio"), "--name=verify", "--ioengine=nbd", f"--uri={self.socket_uri(number)}",
                 "--rw=randwrite", "--bs=4k", "--size=8m", "--iodepth=32", "--verify=crc32c", "--do_verify=1",
-                "--verify_fatal=1",
+                "--verify_fatal=1", "--verify_state_save=0",
             ]
         )  # fmt: skip
         self.assertGreaterEqual(self.info(number)["connections"], 2, "the server allows several connections")
@@ -170,7 +170,7 @@ class Nodes(Importing, unittest.TestCase):
 def fio(target, *more):
     return [
         processes.tool("fio"), "--name=verify", f"--filename={target}", "--ioengine=psync", "--rw=randwrite", "--bs=4k",
-        "--size=8m", "--verify=crc32c", "--do_verify=1", "--verify_fatal=1", *more,
+        "--size=8m", "--verify=crc32c", "--do_verify=1", "--verify_fatal=1", "--verify_state_save=0", *more,
     ]  # fmt: skip
 
 
@@ -475,7 +475,8 @@ class Storms(Importing, unittest.TestCase):
             [
                 processes.tool("fio"), "--name=verify", "--ioengine=nbd", f"--uri={self.socket_uri(number)}",
                 "--rw=randwrite", "--bs=4k", "--size=8m", "--iodepth=16", "--verify=crc32c", "--do_verify=1",
-                "--verify_fatal=1", "--loops=1000", "--time_based=1", f"--runtime={max(self.ROUNDS // 2, 5)}",
+                "--verify_fatal=1", "--verify_state_save=0", "--loops=1000", "--time_based=1",
+                f"--runtime={max(self.ROUNDS // 2, 5)}",
             ],
             stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
         )  # fmt: skip
