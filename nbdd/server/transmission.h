@@ -72,7 +72,7 @@ class Transmission {
   };
   Io::Task<bool> receiveUpTo(Payload& payload, std::size_t length);
 
-  // What needs no waiting (transmission.cpp)
+  // What needs no waiting, and replies (immediate.cpp)
   void read(const Request& request);
   bool isWorthALook();
   bool readFromMemory(const Request& request);

@@ -48,7 +48,7 @@ class Bystander {
 class HostileTest : public testing::Test {
  protected:
   static constexpr std::uint64_t targetSize = 96 * 1024 * 1024;  // more than one request may ask for
-  static constexpr std::chrono::milliseconds bystandersPatience{3000};
+  static constexpr std::chrono::milliseconds bystandersPatience{10'000};
 
   explicit HostileTest(std::uint32_t bystandersTransfer = 4096);
   void TearDown() override;
