@@ -287,7 +287,7 @@ TEST(ImportRegistry, AnswersEverybodyInTheEnd) {
     std::size_t answered = 0;
     ImportRegistry registry(
         [&](const SavedImport&, ImportEvents events) {
-          RC_ASSERT(!run || run->destroyed);
+          RC_ASSERT((!run || run->destroyed));  // bare, both sides would be evaluated
           run = std::make_shared<FakeRun::Handle>();
           run->events = std::move(events);
           return std::make_unique<FakeRun>(run);
@@ -316,7 +316,7 @@ TEST(ImportRegistry, AnswersEverybodyInTheEnd) {
     }
     RC_ASSERT(answered == asked);
     const ImportState last = registry.info(id)->state;
-    RC_ASSERT(last == ImportState::added || last == ImportState::disabled);
+    RC_ASSERT((last == ImportState::added || last == ImportState::disabled));
   });
 }
 
