@@ -56,18 +56,19 @@ def cpu_seconds(pid, family=()):
 
 def memory_kib(pid, family=()):
     """Resident memory of a server and all its children. What several processes share is divided among them (the
-    kernel's PSS), so a server of many processes is not charged for the same page many times."""
+    kernel's PSS), so a server of many processes is not charged for the same page many times. The page cache is
+    nobody's: a file in memory that is mapped does not count either."""
     total = 0
     for process in family or descendants(pid):
         with contextlib.suppress(OSError):
             for line in Path(f"/proc/{process}/smaps_rollup").read_text().splitlines():
-                if line.startswith("Pss:"):
+                if line.startswith(("Pss_Anon:", "Pss_File:")):
                     total += int(line.split()[1])
     return total
 
 
 class MemoryWatch:
-    """The most that a server and its children held at any look, in KiB; one look every 100 ms."""
+    """The most that a server and its children held at any look, in KiB; one look every half second."""
 
     def __init__(self, pid):
         self._pid = pid
@@ -78,7 +79,7 @@ class MemoryWatch:
     def _watch(self):
         while True:
             self.peak = max(self.peak, memory_kib(self._pid))
-            if self._over.wait(0.1):
+            if self._over.wait(0.5):
                 return
 
     def __enter__(self):

@@ -3,6 +3,7 @@
 #include <setjmp.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <ucontext.h>
 
 #include <cstring>
 #include <limits>
@@ -19,8 +20,10 @@ namespace {
 // Where this thread goes on when a byte of the copy that it makes is not there.
 thread_local sigjmp_buf* rescue = nullptr;
 
-void onBusError(int signal, siginfo_t* /*info*/, void* /*context*/) {
+void onBusError(int signal, siginfo_t* /*info*/, void* context) {
   if (rescue != nullptr) {
+    // The handler is left by a jump, so what it blocks must not stay blocked.
+    ::pthread_sigmask(SIG_SETMASK, &static_cast<const ucontext_t*>(context)->uc_sigmask, nullptr);
     ::siglongjmp(*rescue, 1);
   }
   // Not ours: as if there were no handler.
@@ -33,8 +36,7 @@ void catchBusErrors() {
   std::call_once(once, [] {
     struct sigaction action{};
     action.sa_sigaction = &onBusError;
-    // The handler is left by a jump, so the signal must not stay blocked.
-    action.sa_flags = SA_SIGINFO | SA_NODEFER;
+    action.sa_flags = SA_SIGINFO;
     ::sigaction(SIGBUS, &action, nullptr);
   });
 }

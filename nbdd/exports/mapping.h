@@ -15,6 +15,7 @@ namespace Nbdd {
 /// more than a write(2) does. The processor says so with a signal when a byte is not there after all
 /// (somebody has cut the file off, or its memory is gone); that ends the copy, and the caller's system call
 /// finds out what is wrong. Any thread; concurrent copies of the same bytes are as good as concurrent system
+/// Not within the last page of a file: who cuts a served file off there loses what is written behind the cut.
 /// calls.
 class Mapping {
  public:

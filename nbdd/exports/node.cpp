@@ -104,6 +104,9 @@ void measureFile(const struct stat& status, OpenNode& node) {
   struct statfs system{};
   if (::fstatfs(node.descriptor.number(), &system) != 0) return;
   node.memoryBacked = system.f_type == TMPFS_MAGIC || system.f_type == RAMFS_MAGIC;
+  constexpr long xfsMagic = 0x58465342;  // not in linux/magic.h of Debian 12
+  node.localDisk = system.f_type == EXT4_SUPER_MAGIC || system.f_type == xfsMagic ||
+                   system.f_type == BTRFS_SUPER_MAGIC || system.f_type == F2FS_SUPER_MAGIC;
 }
 
 /// What the kernel says of the device behind the node: a partition's disk is one directory up.

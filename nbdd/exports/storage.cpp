@@ -44,7 +44,8 @@ Storage::Storage(OpenNode node, const Storage* predecessor)
   if (!node_.blockDevice && ::fstat(descriptor(), &status) == 0) {
     mayHaveHoles_ = static_cast<std::uint64_t>(status.st_blocks) * statBlock < node_.size;
   }
-  if (node_.memoryBacked && !mayHaveHoles_) {
+  // A predecessor's clients may make holes that we do not hear of.
+  if (node_.memoryBacked && !mayHaveHoles_ && predecessor == nullptr) {
     mapping_ = Mapping::of(descriptor(), node_.size, !node_.readOnly);
   }
 }

@@ -21,6 +21,7 @@ struct OpenNode {
   bool readOnly = false;
   bool blockDevice = false;             // otherwise a regular file
   bool memoryBacked = false;            // tmpfs, ramfs: its bytes never wait for a device
+  bool localDisk = false;               // a file on a local disk: nobody is asked over a network, or by FUSE
   bool rotational = false;              // a hint
   std::uint64_t size = 0;               // bytes, exact
   std::uint32_t logicalBlock = 1;       // bytes; what is discarded or allocated must be whole ones

@@ -127,12 +127,15 @@ std::expected<Io::FileDescriptor, int> listenOn(const sockaddr_storage& address)
 // large reads. A socket that once paced goes on doing so, whatever it is told later: listeners begin without,
 // and the connections of other hosts get the system's choice when they are accepted.
 
-/// The system's choice of congestion control, which `listener` no longer follows.
+/// The system's choice of congestion control, if it paces: `listener` no longer follows it then. Else empty.
 std::string leaveCongestionControl(int listener) {
   // As long as the kernel's own names (TCP_CA_NAME_MAX). Every system has reno, and allows it to everybody.
   std::array<char, 16> name{};
   socklen_t length = name.size() - 1;
   if (::getsockopt(listener, IPPROTO_TCP, TCP_CONGESTION, name.data(), &length) != 0) {
+    return {};
+  }
+  if (!std::string_view(name.data()).starts_with("bbr")) {
     return {};
   }
   constexpr std::string_view withoutPacing = "reno";

@@ -18,7 +18,7 @@ class ReplyBatch {
   /// is at most the whole memory.
   std::span<std::byte> reserve(std::size_t size) {
     if (memory_.size() - used_ < size) {
-      send(true);
+      send();
     }
     return memory_.subspan(used_, size);
   }

@@ -232,6 +232,7 @@ std::size_t Transmission::executeWrite(const Request& request, std::span<const s
   }
   const std::span<const std::byte> data = payload.first(request.length);
   if (!mustWait(request)) {
+    memory_ = {};
     writeAtOnce(request, data);
   } else if (reserveMemory(request)) {
     Io::Buffer copy = worker_.buffers().take(data.size());
@@ -276,11 +277,12 @@ bool Transmission::mustWait(const Request& request) const {
   if (storage().node().memoryBacked) {
     return request.length > inlineWriteLength;
   }
-  // Of a page that is written in part the rest might have to be read first.
+  // A write over a network, or to a FUSE file system, may wait for a server that is gone. And of a page that
+  // is written in part the rest might have to be read first.
   static const auto page = static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
   return request.length > 0 &&
-         (request.length > collectedPayload || request.offset % page != 0 || request.length % page != 0 ||
-          !storage().writePace().quick(worker_.loop().now()));
+         (!storage().node().localDisk || request.length > collectedPayload || request.offset % page != 0 ||
+          request.length % page != 0 || !storage().writePace().quick(worker_.loop().now()));
 }
 
 std::size_t Transmission::refuse(const Request& request, Nbd::Error error) {
@@ -368,9 +370,12 @@ Io::Task<void> Transmission::receivePayload() {
 /// long.
 Io::Task<bool> Transmission::receiveUpTo(Payload& payload, std::size_t length) {
   Io::Clock::time_point lastProgress = worker_.loop().now();
-  std::size_t filledBefore = payload.filled;
+  // What waits below the threshold has arrived too.
+  const auto arrived = [&] { return payload.filled + stream_.available(); };
+  std::size_t arrivedBefore = arrived();
   Io::Timer stall(worker_.loop(), [&] {
-    const std::size_t progress = payload.filled - std::exchange(filledBefore, payload.filled);
+    const std::size_t arrivedNow = arrived();
+    const std::size_t progress = arrivedNow - std::exchange(arrivedBefore, arrivedNow);
     const Io::Clock::time_point now = worker_.loop().now();
     if (progress > 0) {
       lastProgress = now;

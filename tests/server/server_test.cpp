@@ -103,6 +103,7 @@ class ServerTest : public ::testing::TestWithParam<Setting> {
     node.descriptor = Io::FileDescriptor(::open(path_.c_str(), O_RDWR | O_CLOEXEC));
     node.readOnly = readOnly;
     node.memoryBacked = std::string(GetParam().directory) == "/dev/shm";
+    node.localDisk = !node.memoryBacked;
     node.size = diskSize;
     counters_ = std::make_shared<TransferCounters>();
     auto storage = std::make_shared<Storage>(std::move(node));
