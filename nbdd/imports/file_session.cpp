@@ -190,7 +190,7 @@ FileNode::Session::Session(NodeContext context)
 FileNode::Session::~Session() {
   unmount();
   if (session_ != nullptr) fuse_session_destroy(session_);
-  std::free(buffer_.mem);
+  const std::unique_ptr<void, void (*)(void*)> memory(buffer_.mem, &std::free);  // as libfuse allocated it
 }
 
 Control::Result<std::filesystem::path> FileNode::Session::mount() {
