@@ -15,8 +15,8 @@ namespace Nbdd {
 /// more than a write(2) does. The processor says so with a signal when a byte is not there after all
 /// (somebody has cut the file off, or its memory is gone); that ends the copy, and the caller's system call
 /// finds out what is wrong. Only within the file's last page nobody says so: who cuts a served file off loses
-/// what is written behind the cut in that page. Any thread; concurrent copies of the same bytes are as good as
-/// concurrent system calls.
+/// what is written behind the cut in that page. Any thread; concurrent copies of the same bytes are as good
+/// as concurrent system calls.
 class Mapping {
  public:
   /// The first `size` bytes of `file`; nothing if they cannot be mapped.
