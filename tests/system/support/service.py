@@ -31,8 +31,13 @@ def ring_allowed():
 class Service:
     """nbdd and its directories. The directories stay over any number of starts."""
 
-    def __init__(self, test, listen=tuple(LOOPBACK.values()), port=0, engine=ENGINE, **environment):
-        """`engine`: "threads" or "io_uring", as in NBDD_IO. Everything ends with `test`."""
+    def __init__(self, test, listen=None, port=None, engine=ENGINE, host=None, **environment):
+        """`engine`: "threads" or "io_uring", as in NBDD_IO. Everything ends with `test`.
+
+        `host`: one of support.hosts in whose network everything runs; there it listens on all addresses, on NBD's
+        own port, unless it is told otherwise.
+        """
+        self._wrapper = host.wrapper if host else []
         self.root = Path(tempfile.mkdtemp(prefix="talvek-"))
         test.addCleanup(shutil.rmtree, self.root)
         self.runtime = self.root / "runtime"
@@ -42,7 +47,9 @@ class Service:
         self.log = self.root / "stderr"
         self.socket = self.runtime / "org.talvek.NBD"
         self.configuration = self.root / "nbdd.toml"
-        self.configure(listen, port)
+        if listen is None:
+            listen = () if host else tuple(LOOPBACK.values())
+        self.configure(listen, port if port is not None else 10809 if host else 0)
         self.environment = {
             "PATH": os.environ.get("PATH", "/usr/bin:/bin"),
             "HOME": str(self.root),
@@ -56,9 +63,11 @@ class Service:
         self.process = None
         test.addCleanup(self.end)
 
-    def configure(self, listen, port):
+    def configure(self, listen, port, more=""):
+        """`listen`: addresses, none for all. `more`: further lines of the configuration."""
         addresses = ", ".join(f'"{address}"' for address in listen)
-        self.configuration.write_text(f"[server]\nlisten = [{addresses}]\nport = {port}\n")
+        listening = f"listen = [{addresses}]\n" if listen else ""
+        self.configuration.write_text(f"[server]\n{listening}port = {port}\n{more}")
 
     # Life.
 
@@ -74,7 +83,7 @@ class Service:
         self._ready, ready_end = os.pipe()
         with open(self.log, "ab") as log:
             self.process = subprocess.Popen(
-                [*wrapper, processes.program("nbdd"), "--ready-fd", str(ready_end)],
+                [*self._wrapper, *wrapper, processes.program("nbdd"), "--ready-fd", str(ready_end)],
                 env=self.environment,
                 pass_fds=[ready_end],
                 stdin=subprocess.DEVNULL,
@@ -121,7 +130,7 @@ class Service:
 
     def nbdctl(self, *words, stdin=None, check=True):
         """What nbdctl says to one command, or to the lines of `stdin`."""
-        command = [processes.program("nbdctl"), *words]
+        command = [*self._wrapper, processes.program("nbdctl"), *words]
         return processes.run(command, environment=self.environment, stdin=stdin, check=check).out
 
     def start_server(self):
