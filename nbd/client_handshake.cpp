@@ -16,7 +16,8 @@
 //   listing:       LIST, ABORT
 //   details:       LIST, INFO for each export, ABORT
 //
-// What is optional and refused is left out.
+// Before all that stand the requests of the extension, if there is a dialogue. What is optional and refused
+// is left out.
 
 namespace Nbd {
 
@@ -102,6 +103,7 @@ void ClientHandshake::takeGreeting(Bytes data, Output& output) {
     if (wish_.goal != Goal::transmission) return fail("the server's protocol has no listing");
     return sendOption(output, Option::exportName, std::as_bytes(std::span(wish_.exportName)));
   }
+  if (wish_.dialogue != nullptr) return sendNextQuestion(output);
   sendFirstOption(output);
 }
 
@@ -134,6 +136,9 @@ void ClientHandshake::takeReply(Bytes data, Output& output) {
       return;
     case ReplyType::metaContext:
       if (option_ == Option::setMetaContext) takeMetaContext(data);
+      return;
+    case ReplyType::extension:
+      if (option_ == Option::extension) takeExtension(data);
       return;
     default:
       return;  // of a later protocol: to be passed over
@@ -201,6 +206,12 @@ void ClientHandshake::takeMetaContext(Bytes data) {
   if (reader.text(reader.remaining()) == allocationContextName) agreement_.allocationContext = id;
 }
 
+void ClientHandshake::takeExtension(Bytes data) {
+  Reader reader(data);
+  if (Extension::readHeader(reader) != question_ || !wish_.dialogue->take(*reader.bytes(reader.remaining())))
+    fail("the server's message of the extension is malformed");
+}
+
 // --- What comes next
 // ---------------------------------------------------------------------------------------------
 
@@ -224,6 +235,9 @@ void ClientHandshake::acknowledged(Output& output) {
     case Option::info:
       ++described_;
       return sendDetailsOption(output);
+    case Option::extension:
+      if (!wish_.dialogue->acknowledged()) return fail("the server's answer of the extension is not whole");
+      return sendNextQuestion(output);
     default:
       return fail("the server's reply is malformed");
   }
@@ -231,6 +245,11 @@ void ClientHandshake::acknowledged(Output& output) {
 
 void ClientHandshake::refused(Bytes data, Output& output) {
   switch (option_) {
+    case Option::extension: {
+      const std::string_view text = asText(data);
+      wish_.dialogue->refused({.type = replyType_, .text = std::string(isWireString(text) ? text : "")});
+      return sendNextQuestion(output);
+    }
     case Option::extendedHeaders:
       return sendStructuredReplyOption(output);
     case Option::structuredReply:
@@ -265,6 +284,18 @@ void ClientHandshake::sendFirstOption(Output& output) {
   if (wish_.goal != Goal::transmission) return sendOption(output, Option::list, {});
   if (wish_.extendedHeaders) return sendOption(output, Option::extendedHeaders, {});
   sendStructuredReplyOption(output);
+}
+
+void ClientHandshake::sendNextQuestion(Output& output) {
+  const std::optional<Extension::Question> question = wish_.dialogue->next();
+  if (!question) return wish_.dialogue->suffices() ? leave(output) : sendFirstOption(output);
+  const bool isHello = question->kind == Extension::Kind::hello;
+  question_ = {.version = isHello ? Extension::helloVersion : wish_.dialogue->version(),
+               .kind = question->kind};
+  Output data;
+  Extension::appendHeader(data, question_);
+  data.insert(data.end(), question->body.begin(), question->body.end());
+  sendOption(output, Option::extension, data);
 }
 
 void ClientHandshake::sendStructuredReplyOption(Output& output) {

@@ -9,6 +9,7 @@
 
 #include "nbd/bytes.h"
 #include "nbd/constants.h"
+#include "nbd/extension_peers.h"
 #include "nbd/limits.h"
 #include "nbd/validation.h"
 
@@ -49,6 +50,7 @@ class ClientHandshake {
     bool structuredReplies = true;
     bool allocationContext = true;  // needs one of the two
     bool noZeroes = true;
+    Extension::Dialogue* dialogue = nullptr;  // asked before all else; outlives the handshake
   };
 
   enum class State : std::uint8_t {
@@ -100,10 +102,12 @@ class ClientHandshake {
   void takeInfo(Bytes data, RemoteExport& remote);
   void takeListed(Bytes data);
   void takeMetaContext(Bytes data);
+  void takeExtension(Bytes data);
   void acknowledged(Output& output);
   void refused(Bytes data, Output& output);
 
   void sendFirstOption(Output& output);
+  void sendNextQuestion(Output& output);
   void sendStructuredReplyOption(Output& output);
   void sendOption(Output& output, Option option, Bytes data);
   void sendExportOption(Output& output, Option option, std::string_view name);
@@ -124,8 +128,9 @@ class ClientHandshake {
   std::uint32_t replyLength_ = 0;  // bytes of data
   std::uint32_t replyCount_ = 0;
   std::uint64_t received_ = 0;
-  std::size_t described_ = 0;  // exports whose details were asked for
-  Output partial_;             // the start of a stage whose end has not arrived
+  std::size_t described_ = 0;   // exports whose details were asked for
+  Extension::Header question_;  // of the extension, whose answer is awaited
+  Output partial_;              // the start of a stage whose end has not arrived
 };
 
 }  // namespace Nbd

@@ -61,6 +61,7 @@ enum class Option : std::uint32_t {
   listMetaContext = 9,
   setMetaContext = 10,
   extendedHeaders = 11,
+  extension = 0x544c'564b,  // private, "TLVK": docs/extension.md
 };
 
 /// What a reply to an option says. Bit 31 marks errors; the data of an error is an optional text for people.
@@ -69,6 +70,7 @@ enum class ReplyType : std::uint32_t {
   server = 2,
   info = 3,
   metaContext = 4,
+  extension = 0x544c'564b,  // private: a message of the extension
   unsupported = 0x8000'0001,
   policy = 0x8000'0002,
   invalid = 0x8000'0003,

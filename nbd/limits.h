@@ -52,6 +52,17 @@ inline constexpr std::size_t maxExtentsSent = 8192;
 // Text in an error chunk that we send: a sentence for people.
 inline constexpr std::size_t maxErrorMessageSent = 256;
 
+// The extension, both sides.
+
+// What stands behind the header of one message of an answer. A listing is cut into messages of about half of
+// this; a single entry with the longest strings fits, and a message stays below maxOptionReplyLength.
+inline constexpr std::size_t maxExtensionBody = std::size_t{12} * 1024;
+
+// Properties of a server, nested ones included, and how deep they nest. The control interface carries about
+// twenty levels; a server has some fifty properties in three.
+inline constexpr std::size_t maxProperties = 4096;
+inline constexpr std::size_t maxPropertyDepth = 16;
+
 // The client's side: what a server may make us hold.
 
 // One reply to an option: an export's name and description, each of the largest size, and change.

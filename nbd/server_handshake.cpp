@@ -78,9 +78,11 @@ const ServerHandshake::OptionRow ServerHandshake::optionTable[] = {
     {Option::listMetaContext, true, &ServerHandshake::listMetaContext},
     {Option::setMetaContext, true, &ServerHandshake::setMetaContext},
     {Option::extendedHeaders, false, &ServerHandshake::extendedHeaders},
+    {Option::extension, true, &ServerHandshake::extension},
 };
 
-const ServerHandshake::OptionRow* ServerHandshake::findOption(Option option) {
+const ServerHandshake::OptionRow* ServerHandshake::findOption(Option option) const {
+  if (option == Option::extension && extension_ == nullptr) return nullptr;
   const auto* row = std::ranges::find(optionTable, option, &OptionRow::option);
   return row == std::end(optionTable) ? nullptr : row;
 }
@@ -95,8 +97,9 @@ ExportLimits ServerHandshake::Agreement::limits() const {
           .blockStatus = allocationContext.has_value()};
 }
 
-ServerHandshake::ServerHandshake(const ExportDirectory& directory, Policy policy)
-    : directory_(&directory), policy_(policy) {}
+ServerHandshake::ServerHandshake(const ExportDirectory& directory, Policy policy,
+                                 Extension::Handler* extension)
+    : directory_(&directory), policy_(policy), extension_(extension) {}
 
 void ServerHandshake::greet(Output& output) const {
   appendBig(output, greetingMagic);
@@ -109,13 +112,16 @@ void ServerHandshake::greet(Output& output) const {
 ServerHandshake::Progress ServerHandshake::advance(Bytes input, Output& output) {
   Bytes rest = input;
   granted_ = false;
+  waiting_ = false;
   if (stage_ == Stage::listing) {
     continueListing(output);
+  } else if (stage_ == Stage::extension) {
+    continueExtension(output);
   } else {
     while (state_ == State::negotiating && runStage(rest, output)) {
     }
   }
-  return {.consumed = input.size() - rest.size(), .state = state_, .granted = granted_};
+  return {.consumed = input.size() - rest.size(), .state = state_, .granted = granted_, .waiting = waiting_};
 }
 
 // --- Collecting bytes
@@ -131,6 +137,7 @@ std::size_t ServerHandshake::stageLength() const {
       return optionLength_;
     case Stage::drain:
     case Stage::listing:
+    case Stage::extension:
       break;
   }
   return 0;

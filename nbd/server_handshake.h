@@ -11,6 +11,7 @@
 #include "nbd/bytes.h"
 #include "nbd/constants.h"
 #include "nbd/export_view.h"
+#include "nbd/extension_peers.h"
 #include "nbd/validation.h"
 
 namespace Nbd {
@@ -26,7 +27,8 @@ namespace Nbd {
 ///       drop `consumed` bytes from the front of input;
 ///       if (state == failed) close;
 ///       if (state != negotiating) send output; closing: close; transmission: serve requests, input first;
-///       if (consumed == 0 && output.empty()) receive more input;
+///       if (waiting) wait for the notice of the extension's handler;
+///       else if (consumed == 0 && output.empty()) receive more input;
 ///     }
 ///
 /// One call answers at most one option, and adds about handshakeOutputStep bytes at most: who does not call
@@ -57,6 +59,7 @@ class ServerHandshake {
     std::size_t consumed = 0;
     State state = State::negotiating;
     bool granted = false;  // an option was acknowledged in this call, so the client gets on
+    bool waiting = false;  // for the extension's handler; input does not help
   };
 
   /// What both sides agreed on; complete in State::transmission.
@@ -72,8 +75,9 @@ class ServerHandshake {
     [[nodiscard]] ExportLimits limits() const;
   };
 
-  /// `directory` must outlive this.
-  ServerHandshake(const ExportDirectory& directory, Policy policy);
+  /// `directory` must outlive this, and so must `extension`, which answers the private option; without one
+  /// that option is unknown.
+  ServerHandshake(const ExportDirectory& directory, Policy policy, Extension::Handler* extension = nullptr);
 
   /// Appends the greeting. To be called once, first.
   void greet(std::vector<std::byte>& output) const;
@@ -85,11 +89,11 @@ class ServerHandshake {
   [[nodiscard]] const Agreement& agreement() const { return agreement_; }
 
  private:
-  enum class Stage : std::uint8_t { clientFlags, optionHeader, optionData, drain, listing };
+  enum class Stage : std::uint8_t { clientFlags, optionHeader, optionData, drain, listing, extension };
   using Output = std::vector<std::byte>;
   struct OptionRow;
   static const OptionRow optionTable[];
-  [[nodiscard]] static const OptionRow* findOption(Option option);
+  [[nodiscard]] const OptionRow* findOption(Option option) const;
 
   // Collecting bytes.
   [[nodiscard]] std::size_t stageLength() const;
@@ -111,6 +115,7 @@ class ServerHandshake {
   void extendedHeaders(Bytes data, Output& output);
   void listMetaContext(Bytes data, Output& output);
   void setMetaContext(Bytes data, Output& output);
+  void extension(Bytes data, Output& output);
 
   // Their parts.
   struct Described;
@@ -119,6 +124,7 @@ class ServerHandshake {
   std::optional<ContextRequest> readContextRequest(Bytes data, Output& output);
   void enterTransmission(ExportView view, std::string_view requestedName);
   void continueListing(Output& output);
+  void continueExtension(Output& output);
   void startReply(Output& output, ReplyType type, std::size_t length) const;
   void acknowledge(Output& output);
   void refuse(Output& output, ReplyType type, std::string_view message) const;
@@ -126,6 +132,7 @@ class ServerHandshake {
 
   const ExportDirectory* directory_;
   Policy policy_;
+  Extension::Handler* extension_;
   Agreement agreement_;
   State state_ = State::negotiating;
   Stage stage_ = Stage::clientFlags;
@@ -139,7 +146,10 @@ class ServerHandshake {
   bool allocationSelected_ = false;
   std::shared_ptr<const std::vector<ListedExport>> listing_;
   std::size_t listed_ = 0;
+  std::unique_ptr<Extension::Answer> answer_;  // under way
+  Extension::Header answerHeader_;
   bool granted_ = false;  // since advance() was called
+  bool waiting_ = false;  // likewise
 };
 
 }  // namespace Nbd
