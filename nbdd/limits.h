@@ -162,6 +162,10 @@ inline constexpr std::chrono::milliseconds acceptRetry{100};
 inline constexpr std::chrono::seconds dialTime{15};
 inline constexpr std::chrono::seconds connectTime{5};
 
+/// Remote servers whose exports are being asked for at the same time: every one that a search of a large
+/// network has found, and each takes a socket and some memory, for as long as dialTime.
+inline constexpr std::size_t remoteListings = 256;
+
 /// Names of hosts that are looked up at the same time. Each takes a thread, for as long as the resolver
 /// takes.
 inline constexpr int nameLookups = 16;

@@ -254,6 +254,7 @@ Control::Result<void> ExportRegistry::serve(Exports::iterator position) {
   publisher_.publish({.id = position->first,
                       .name = subject.saved.name,
                       .description = {},
+                      .uuid = subject.saved.uuid,
                       .storage = std::move(storage),
                       .counters = subject.counters});
   return {};

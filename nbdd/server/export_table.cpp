@@ -91,6 +91,16 @@ std::shared_ptr<const std::vector<Nbd::ListedExport>> ExportTable::list() const 
   return listing_;
 }
 
+std::vector<std::shared_ptr<const Publication>> ExportTable::publications() const {
+  const std::lock_guard lock(mutex_);
+  std::vector<std::shared_ptr<const Publication>> all;
+  all.reserve(published_.size());
+  for (const auto& [name, publication] : published_) {
+    all.push_back(publication);
+  }
+  return all;
+}
+
 ExportTable::Attachment ExportTable::attach(const std::shared_ptr<const Publication>& publication,
                                             AttachedSession session, std::function<void()> wake) {
   const std::lock_guard lock(mutex_);

@@ -47,6 +47,9 @@ class ExportTable final : public Nbd::ExportDirectory {
   std::optional<Nbd::ExportView> find(std::string_view name) const override;
   std::shared_ptr<const std::vector<Nbd::ListedExport>> list() const override;
 
+  /// All of them, in the order of their names.
+  std::vector<std::shared_ptr<const Publication>> publications() const;
+
   enum class Attachment : std::uint8_t {
     attached,
     withdrawn,

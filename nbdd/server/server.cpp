@@ -22,6 +22,7 @@ struct Server::State : std::enable_shared_from_this<Server::State> {
   Io::EventLoop& loop;
   Events events;
   std::unique_ptr<ExportTable> table;
+  ExtensionService extension;  // outlives the pool, whose jobs use it
   Io::ThreadPool pool{Limits::poolThreads};
   WorkerEvents workerEvents;
   std::vector<std::unique_ptr<Worker>> workers;
@@ -47,6 +48,16 @@ struct Server::State : std::enable_shared_from_this<Server::State> {
     workerEvents.storageFailed = [this](Control::ExportId id, int error) {
       postToControl([id, error](State& state) { state.events.storageFailed(id, error); });
     };
+    if (options.extension) {
+      extension.self = *options.extension;
+      extension.evaluate = options.evaluate;
+      extension.askProperties = [this](std::move_only_function<void(ExtensionService::Properties)> told) {
+        postToControl([told = std::move(told)](State& state) mutable {
+          told(std::make_shared<std::vector<Nbd::Extension::Property>>(state.events.properties()));
+        });
+      };
+      workerEvents.extension = &extension;
+    }
     const unsigned int count =
         options.workers != 0 ? options.workers : std::max(1U, std::thread::hardware_concurrency());
     for (unsigned int index = 0; index < count; ++index) {

@@ -5,6 +5,7 @@
 #include <expected>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -13,6 +14,7 @@
 #include "control/records.h"
 #include "nbdd/exports/publication.h"
 #include "nbdd/io/event_loop.h"
+#include "nbdd/server/conversation.h"
 
 namespace Nbdd {
 
@@ -32,6 +34,10 @@ class Server {
   struct Options {
     unsigned int workers = 0;  // threads with an event loop each; 0 = one per processor
     bool allowRing = true;     // use io_uring where the kernel allows it
+    /// Speaks the private extension, as this server; needs Events::properties.
+    std::optional<Nbd::Extension::Hello> extension = std::nullopt;
+    /// Evaluates DiskSpec expressions; called on threads of the pool.
+    decltype(ExtensionService::evaluate) evaluate = nullptr;
   };
 
   struct Events {
@@ -39,6 +45,8 @@ class Server {
     std::move_only_function<void(Control::ExportId)> lastClientLeft;
     /// A sync of the export's storage failed: its clients were told, nothing more is written.
     std::move_only_function<void(Control::ExportId, int error)> storageFailed;
+    /// The server's properties, for clients that ask by the extension.
+    std::move_only_function<std::vector<Nbd::Extension::Property>()> properties = nullptr;
   };
 
   /// Starts the worker threads. Throws std::system_error if the system refuses (start-up only).

@@ -61,7 +61,12 @@ Io::Task<void> Session::linger() {
 
 Io::Task<std::optional<Session::Agreement>> Session::negotiate() {
   using State = Nbd::ServerHandshake::State;
-  Nbd::ServerHandshake handshake(worker_.table(), {});
+  if (const ExtensionService* const extension = worker_.events().extension) {
+    conversation_ =
+        std::make_unique<Conversation>(*extension, worker_.table(), worker_.pool(),
+                                       [worker = &worker_, id = id_] { worker->wakeSession(id); });
+  }
+  Nbd::ServerHandshake handshake(worker_.table(), {}, conversation_.get());
   std::vector<std::byte> output;
   handshake.greet(output);
   std::size_t used = 0;  // of what was received, from its front
@@ -82,7 +87,10 @@ Io::Task<std::optional<Session::Agreement>> Session::negotiate() {
       sender_.send(output);
       co_return progress.state == State::transmission ? std::optional(handshake.agreement()) : std::nullopt;
     }
-    if (progress.consumed == 0 && output.empty()) {
+    if (progress.waiting && output.empty()) {
+      Io::Signal::Waiting answered = wake_.wait();
+      co_await answered;
+    } else if (progress.consumed == 0 && output.empty()) {
       received_.erase(received_.begin(), received_.begin() + static_cast<std::ptrdiff_t>(used));
       used = 0;
       Io::Task<bool> receiving = receiveMore();

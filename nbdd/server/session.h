@@ -12,6 +12,7 @@
 #include "nbdd/io/signal.h"
 #include "nbdd/io/stream.h"
 #include "nbdd/io/task.h"
+#include "nbdd/server/conversation.h"
 #include "nbdd/server/export_table.h"
 #include "nbdd/server/sender.h"
 #include "nbdd/server/transmission.h"
@@ -58,7 +59,8 @@ class Session {
   Sender sender_;
   Io::Signal wake_;
   Io::Timer deadline_;
-  std::vector<std::byte> received_;  // during the handshake: what was received and not used yet
+  std::unique_ptr<Conversation> conversation_;  // of the private extension
+  std::vector<std::byte> received_;             // during the handshake: what was received and not used yet
   std::unique_ptr<Transmission> transmission_;
   bool ending_ = false;
 };

@@ -18,6 +18,7 @@
 #include "nbdd/io/file_io.h"
 #include "nbdd/io/scope.h"
 #include "nbdd/io/thread_pool.h"
+#include "nbdd/server/conversation.h"
 #include "nbdd/server/export_table.h"
 #include "nbdd/server/memory_budget.h"
 
@@ -29,6 +30,8 @@ class Session;
 struct WorkerEvents {
   std::function<void()> sessionEnded;
   std::function<void(Control::ExportId, int error)> storageFailed;
+  /// What the private extension tells; without one it is not spoken.
+  const ExtensionService* extension = nullptr;
 };
 
 /// One thread with an event loop, and the sessions that live on it.
@@ -66,6 +69,7 @@ class Worker {
   Io::FileIo& files() { return *files_; }
   Io::BufferPool& buffers() { return buffers_; }
   ExportTable& table() { return table_; }
+  Io::ThreadPool& pool() { return pool_; }
   MemoryBudget& payloadMemory() { return payloadMemory_; }
   const WorkerEvents& events() const { return events_; }
   /// Tasks that no session owns: they may outlive the one that began them.

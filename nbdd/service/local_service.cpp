@@ -7,7 +7,9 @@
 
 #include "nbdd/limits.h"
 #include "nbdd/log/log.h"
+#include "nbdd/remote/property_tree.h"
 #include "nbdd/service/server_properties.h"
+#include "talvek_version.h"
 
 namespace Nbdd {
 
@@ -22,6 +24,17 @@ template <class T>
 void answerNotSupported(Answer<T>& answer, std::string_view what) {
   answer(std::unexpected(
       Failure{FailureCode::notSupported, fmt::format("{} not available in this version", what)}));
+}
+
+constexpr std::uint16_t usualPort = 10809;
+
+Nbd::Extension::Hello helloOf(const SavedState& state) {
+  return {.server = Nbd::Extension::parseUuid(state.serverUuid).value_or(Nbd::Extension::Uuid{}),
+          .product = fmt::format("Talvek NBD {}", talvekVersion)};
+}
+
+Remote::Place placeOf(const Control::Endpoint& endpoint) {
+  return {.host = endpoint.address, .port = endpoint.port == 0 ? usualPort : endpoint.port};
 }
 
 Failure endingFailure() { return {FailureCode::serviceStopping, "the service is about to end"}; }
@@ -39,14 +52,16 @@ LocalService::LocalService(Io::EventLoop& loop, StateStore& store, SavedState st
       retryDelay_(Limits::listenRetryFirst),
       retry_(loop, [this] { listenAgain(); }),
       server_(
-          loop, serverOptions,
+          loop, withExtension(std::move(serverOptions)),
           {.lastClientLeft = [this](Control::ExportId id) { registry_.lastClientLeft(id); },
-           .storageFailed = [this](Control::ExportId id, int error) { registry_.storageFailed(id, error); }}),
+           .storageFailed = [this](Control::ExportId id, int error) { registry_.storageFailed(id, error); },
+           .properties = [this] { return Remote::flatten(namedProperties()); }}),
       publisher_(server_),
       registry_(publisher_, [this] { return save(); }),
       imports_([this](const SavedImport& saved,
                       ImportEvents events) { return startImport(saved, std::move(events)); },
-               [this] { return save(); }) {}
+               [this] { return save(); }),
+      listings_(loop, helloOf(saved_)) {}
 
 LocalService::~LocalService() = default;
 
@@ -90,6 +105,10 @@ void LocalService::close(Io::Function done) {
   if (!closing_) closeServer();
   imports_.close([this] {
     importsClosed_ = true;
+    endIfClosed();
+  });
+  listings_.close([this] {
+    listingsClosed_ = true;
     endIfClosed();
   });
 }
@@ -153,15 +172,22 @@ void LocalService::serverClosed() {
 }
 
 void LocalService::endIfClosed() {
-  if (ended_ && !closing_ && importsClosed_) std::exchange(ended_, {})();
+  if (ended_ && !closing_ && importsClosed_ && listingsClosed_) std::exchange(ended_, {})();
 }
 
 void LocalService::serverCapabilities(Answer<Control::Flags<Control::ServerCapability>> answer) {
   answer(Control::Flags<Control::ServerCapability>{Control::ServerCapability::readWriteExports});
 }
 
-void LocalService::serverGetNamedProperties(Answer<Control::Variant> answer) {
-  answer(serverProperties(
+void LocalService::serverGetNamedProperties(Answer<Control::Variant> answer) { answer(namedProperties()); }
+
+Server::Options LocalService::withExtension(Server::Options options) const {
+  options.extension = helloOf(saved_);
+  return options;
+}
+
+Control::Variant LocalService::namedProperties() const {
+  return serverProperties(
       hostFacts(), {.uuid = saved_.serverUuid,
                     .uptime = std::chrono::duration_cast<std::chrono::seconds>(Io::Clock::now() - began_),
                     .activity = activity(),
@@ -172,7 +198,7 @@ void LocalService::serverGetNamedProperties(Answer<Control::Variant> answer) {
                     .clients = server_.clientCount(),
                     .connections = server_.connectionCount(),
                     .storageEngine = server_.storageEngine(),
-                    .eventLoops = server_.workerCount()}));
+                    .eventLoops = server_.workerCount()});
 }
 
 ServerActivity LocalService::activity() const {
@@ -248,13 +274,10 @@ void LocalService::exportRemove(Control::ExportId id, Answer<void> answer) {
 // Imports.
 
 std::unique_ptr<ImportRun> LocalService::startImport(const SavedImport& saved, ImportEvents events) {
-  constexpr std::uint16_t usualPort = 10809;
-  RunningImport::Options options{
-      .device = {.server = {.host = saved.server.address,
-                            .port = saved.server.port == 0 ? usualPort : saved.server.port},
-                 .exportName = saved.name,
-                 .readOnly = saved.flags.has(Control::ImportFlag::forceReadOnly)},
-      .directory = nodes_ / std::to_string(static_cast<std::uint32_t>(saved.id))};
+  RunningImport::Options options{.device = {.server = placeOf(saved.server),
+                                            .exportName = saved.name,
+                                            .readOnly = saved.flags.has(Control::ImportFlag::forceReadOnly)},
+                                 .directory = nodes_ / std::to_string(static_cast<std::uint32_t>(saved.id))};
   return std::make_unique<RunningImport>(loop_, std::move(options), std::move(events));
 }
 
@@ -292,10 +315,10 @@ void LocalService::importEnableTransferCompression(bool /*enable*/, Answer<void>
   answerNotSupported(answer, "transfer compression is");
 }
 
-void LocalService::fetchRemoteExports(Control::Endpoint /*endpoint*/,
-                                      std::optional<std::string> /*expression*/,
+void LocalService::fetchRemoteExports(Control::Endpoint endpoint, std::optional<std::string> expression,
                                       Answer<Control::RemoteExportList> answer) {
-  answerNotSupported(answer, "the exports of remote servers are");
+  if (expression) return answerNotSupported(answer, "searching for exports is");
+  listings_.fetch(placeOf(endpoint), std::nullopt, std::move(answer));
 }
 
 }  // namespace Nbdd

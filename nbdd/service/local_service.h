@@ -11,6 +11,7 @@
 #include "nbdd/exports/registry.h"
 #include "nbdd/imports/import_registry.h"
 #include "nbdd/io/event_loop.h"
+#include "nbdd/remote/listings.h"
 #include "nbdd/server/server.h"
 #include "nbdd/service/server_properties.h"
 #include "nbdd/state/state_store.h"
@@ -100,6 +101,8 @@ class LocalService final : public Control::Service {
   };
 
   ServerActivity activity() const;
+  Control::Variant namedProperties() const;
+  Server::Options withExtension(Server::Options options) const;
   Control::Result<void> save();
   Control::Result<std::vector<Control::NetIfFirewallState>> start();
   Control::Result<void> remember(bool started);
@@ -123,6 +126,7 @@ class LocalService final : public Control::Service {
   std::vector<Control::Answer<void>> stopAnswers_;
   std::vector<Control::Answer<std::vector<Control::NetIfFirewallState>>> startAnswers_;
   bool importsClosed_ = false;
+  bool listingsClosed_ = false;
   Io::Function ended_;
 
   std::chrono::milliseconds retryDelay_;
@@ -132,6 +136,7 @@ class LocalService final : public Control::Service {
   Publisher publisher_;
   ExportRegistry registry_;
   ImportRegistry imports_;
+  Remote::Listings listings_;
 };
 
 }  // namespace Nbdd

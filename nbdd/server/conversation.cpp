@@ -1,0 +1,163 @@
+#include "nbdd/server/conversation.h"
+
+#include <algorithm>
+#include <mutex>
+#include <utility>
+
+#include "nbd/contract.h"
+#include "nbdd/limits.h"
+
+// What takes time (a hundred thousand exports to look through) runs on the pool, and what belongs to the
+// control loop is asked there; the answer waits meanwhile, and nobody else does. The outcome is left where
+// both sides find it, and the ear outlives whichever of them ends first.
+
+namespace Nbdd {
+
+namespace {
+
+using namespace Nbd::Extension;
+using Nbd::ReplyType;
+
+ExportEntry entryOf(const Publication& publication) {
+  return {.uuid = parseUuid(publication.uuid).value_or(Uuid{}),
+          .size = publication.storage->size(),
+          .flags = publication.storage->transmissionFlags(),
+          .name = publication.name};
+}
+
+std::unique_ptr<Answer> answeredWith(const ExtensionService::Publications& publications) {
+  auto entries = std::make_shared<std::vector<ExportEntry>>();
+  entries->reserve(publications.size());
+  for (const auto& publication : publications) entries->push_back(entryOf(*publication));
+  return answered(std::move(entries));
+}
+
+std::unique_ptr<Answer> malformed() {
+  return refused({.type = ReplyType::invalid, .text = "malformed request of the extension"});
+}
+
+}  // namespace
+
+/// Where word of an outcome goes, for as long as somebody listens.
+class Conversation::Ear {
+ public:
+  explicit Ear(std::function<void()> wake) : wake_(std::move(wake)) {}
+  void tell() {
+    const std::lock_guard lock(mutex_);
+    if (wake_) wake_();
+  }
+  void close() {
+    const std::lock_guard lock(mutex_);
+    wake_ = nullptr;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::function<void()> wake_;
+};
+
+/// An answer on its way from another thread.
+struct Conversation::Outcome {
+  explicit Outcome(std::shared_ptr<Ear> listener) : ear(std::move(listener)) {}
+
+  void set(std::unique_ptr<Answer> result) {
+    {
+      const std::lock_guard lock(mutex);
+      answer = std::move(result);
+    }
+    ear->tell();
+  }
+
+  const std::shared_ptr<Ear> ear;
+  std::mutex mutex;
+  std::unique_ptr<Answer> answer;  // guarded by mutex, until it is there
+};
+
+class Conversation::Later final : public Answer {
+ public:
+  explicit Later(std::shared_ptr<Outcome> outcome) : outcome_(std::move(outcome)) {}
+
+  Step next(std::vector<std::byte>& body) override {
+    if (!answer_) {
+      const std::lock_guard lock(outcome_->mutex);
+      answer_ = std::move(outcome_->answer);
+    }
+    return answer_ ? answer_->next(body) : Step::wait;
+  }
+  Nbd::Extension::Refusal refusal() const override { return answer_->refusal(); }
+
+ private:
+  std::shared_ptr<Outcome> outcome_;
+  std::unique_ptr<Answer> answer_;
+};
+
+Conversation::Conversation(const ExtensionService& service, const ExportTable& table, Io::ThreadPool& pool,
+                           std::function<void()> wake)
+    : service_(service), table_(table), pool_(pool), ear_(std::make_shared<Ear>(std::move(wake))) {}
+
+Conversation::~Conversation() { ear_->close(); }
+
+std::shared_ptr<Conversation::Outcome> Conversation::newOutcome() const {
+  return std::make_shared<Outcome>(ear_);
+}
+
+std::unique_ptr<Answer> Conversation::onPool(std::move_only_function<std::unique_ptr<Answer>()> job) {
+  auto outcome = newOutcome();
+  pool_.submit([outcome, job = std::move(job)]() mutable { outcome->set(job()); });
+  return std::make_unique<Later>(std::move(outcome));
+}
+
+std::unique_ptr<Answer> Conversation::answer(Kind kind, Nbd::Bytes body) {
+  switch (kind) {
+    case Kind::hello:
+      return hello(body);
+    case Kind::properties:
+      return body.empty() ? properties() : malformed();
+    case Kind::exports:
+      return body.empty() ? exports() : malformed();
+    case Kind::evaluate:
+      return evaluate(body);
+    case Kind::compression:
+      return agreeOnCompression(body);
+    default:
+      return refused({.type = ReplyType::unsupported, .text = "this server does not know that request"});
+  }
+}
+
+std::unique_ptr<Answer> Conversation::hello(Nbd::Bytes body) {
+  if (!decodeHello(body)) return malformed();
+  return answered(encodeHello(service_.self));
+}
+
+std::unique_ptr<Answer> Conversation::properties() {
+  auto outcome = newOutcome();
+  service_.askProperties(
+      [outcome](ExtensionService::Properties told) { outcome->set(answered(std::move(told))); });
+  return std::make_unique<Later>(std::move(outcome));
+}
+
+std::unique_ptr<Answer> Conversation::exports() {
+  return onPool([publications = table_.publications()] { return answeredWith(publications); });
+}
+
+std::unique_ptr<Answer> Conversation::evaluate(Nbd::Bytes body) {
+  if (!service_.evaluate)
+    return refused({.type = ReplyType::unsupported, .text = "this server evaluates no expressions"});
+  return onPool([&service = service_, expression = std::vector(body.begin(), body.end()),
+                 publications = table_.publications()]() mutable -> std::unique_ptr<Answer> {
+    const auto found = service.evaluate(expression, std::move(publications));
+    return found ? answeredWith(*found) : refused(found.error());
+  });
+}
+
+std::unique_ptr<Answer> Conversation::agreeOnCompression(Nbd::Bytes body) {
+  const std::optional<Compression> wanted = decodeCompression(body);
+  if (!wanted || wanted->blockLength == 0) return malformed();
+  const bool offered = (service_.self.capabilities & Capability::compression) != 0;
+  if (!offered || wanted->algorithm != Compression::Algorithm::zstd)
+    return refused({.type = ReplyType::unsupported, .text = "transfers are not compressed so here"});
+  compression_ = *wanted;
+  return answered(encodeCompression(*compression_));
+}
+
+}  // namespace Nbdd

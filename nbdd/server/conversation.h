@@ -1,0 +1,74 @@
+#pragma once
+
+#include <cstddef>
+#include <expected>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+#include <vector>
+
+#include "nbd/extension.h"
+#include "nbd/extension_peers.h"
+#include "nbdd/exports/publication.h"
+#include "nbdd/io/thread_pool.h"
+#include "nbdd/server/export_table.h"
+
+namespace Nbdd {
+
+/// What the private extension needs of the service. The functions are called on any thread, and outlive the
+/// server's threads.
+struct ExtensionService {
+  using Properties = std::shared_ptr<const std::vector<Nbd::Extension::Property>>;
+  using Publications = std::vector<std::shared_ptr<const Publication>>;
+  /// The exports that match an encoded DiskSpec expression, or why there are none: INVALID for an expression
+  /// that cannot be read, UNSUP where there is nothing to read it. Takes bounded time and memory.
+  using Evaluation = std::expected<Publications, Nbd::Extension::Refusal>;
+
+  Nbd::Extension::Hello self;
+  /// Has the server's properties told, soon, on any thread.
+  std::function<void(std::move_only_function<void(Properties)> told)> askProperties;
+  /// Called on a thread that may be kept busy. Empty: there is no DiskSpec here.
+  std::function<Evaluation(std::span<const std::byte> expression, Publications exports)> evaluate;
+};
+
+/// The server's side of the extension on one connection: answers what the client asks, and keeps what was
+/// agreed on. One worker's thread.
+class Conversation final : public Nbd::Extension::Handler {
+ public:
+  /// `wake` is called, on any thread but never after this has been destroyed, when an answer that was waited
+  /// for has come. All else outlives this.
+  Conversation(const ExtensionService& service, const ExportTable& table, Io::ThreadPool& pool,
+               std::function<void()> wake);
+  ~Conversation() override;
+  Conversation(const Conversation&) = delete;
+  Conversation& operator=(const Conversation&) = delete;
+
+  std::unique_ptr<Nbd::Extension::Answer> answer(Nbd::Extension::Kind kind, Nbd::Bytes body) override;
+
+  /// What was agreed on about compressed transfers.
+  const std::optional<Nbd::Extension::Compression>& compression() const { return compression_; }
+
+ private:
+  using Answer = Nbd::Extension::Answer;
+  class Later;
+  class Ear;
+  struct Outcome;
+
+  std::unique_ptr<Answer> hello(Nbd::Bytes body);
+  std::unique_ptr<Answer> properties();
+  std::unique_ptr<Answer> exports();
+  std::unique_ptr<Answer> evaluate(Nbd::Bytes body);
+  std::unique_ptr<Answer> agreeOnCompression(Nbd::Bytes body);
+
+  std::shared_ptr<Outcome> newOutcome() const;
+  std::unique_ptr<Answer> onPool(std::move_only_function<std::unique_ptr<Answer>()> job);
+
+  const ExtensionService& service_;
+  const ExportTable& table_;
+  Io::ThreadPool& pool_;
+  const std::shared_ptr<Ear> ear_;
+  std::optional<Nbd::Extension::Compression> compression_;
+};
+
+}  // namespace Nbdd
