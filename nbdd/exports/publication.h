@@ -41,7 +41,7 @@ struct Publication {
   Control::ExportId id{};
   std::string name;
   std::string description;
-  std::string uuid;
+  std::string uuid = {};
   std::shared_ptr<Storage> storage;
   std::shared_ptr<TransferCounters> counters;
 };
