@@ -18,12 +18,6 @@ using namespace Services::NBD::Client::Types;
 using Services::NBD::Client::Service;
 using Shell::output;
 
-Ref<String> addressText(const Shell::IPAddress& address) {
-  const auto printer = StringPrinter::create();
-  Shell::printIPAddress(address, printer);
-  return printer->text();
-}
-
 }  // namespace
 
 int add(Ref<Service> service, std::vector<Ref<String>> words) {
@@ -37,7 +31,7 @@ int add(Ref<Service> service, std::vector<Ref<String>> words) {
       ->printText("Adding import for ")
       ->printString(descriptor.name)
       ->printText(" from ")
-      ->printString(addressText(descriptor.server.address))
+      ->printString(Shell::formatAddress(descriptor.server.address))
       ->printText("... ");
   const auto id = service->importAdd(descriptor);
   if (!id) {

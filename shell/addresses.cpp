@@ -93,6 +93,12 @@ Ref<CharPrinter> printIPAddress(const IPAddress& address, Ref<CharPrinter> print
   return printer;
 }
 
+Ref<String> formatAddress(const IPAddress& address) {
+  const auto printer = StringPrinter::create();
+  printIPAddress(address, printer);
+  return printer->text();
+}
+
 Ref<String> formatEndpoint(const IPEndpoint& endpoint) {
   const auto printer = StringPrinter::create();
   if (endpoint.address.family == IPAddress::familyIPv4) {

@@ -26,6 +26,9 @@ Ref<CharPrinter> printIPv4(std::uint8_t byte0, std::uint8_t byte1, std::uint8_t 
 /// then group 6, the high byte of each first. A scope follows as "%" and its number.
 Ref<CharPrinter> printIPAddress(const IPAddress& address, Ref<CharPrinter> printer);
 
+/// The address as `printIPAddress` prints it.
+[[nodiscard]] Ref<String> formatAddress(const IPAddress& address);
+
 /// The address, in square brackets unless it is IPv4, a colon and the port.
 [[nodiscard]] Ref<String> formatEndpoint(const IPEndpoint& endpoint);
 

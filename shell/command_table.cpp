@@ -6,13 +6,16 @@
 #include "exports/export_commands.h"
 #include "exports/list.h"
 #include "exports/stat.h"
+#include "imports/compression.h"
 #include "imports/import_commands.h"
 #include "imports/import_list.h"
 #include "imports/node_interfaces.h"
+#include "server/discovery.h"
 #include "server/properties.h"
+#include "server/remote_exports.h"
+#include "server/reservations.h"
 #include "server/server_control.h"
 #include "shell/help.h"
-#include "shell/not_available.h"
 #include "shell/tear_down.h"
 
 namespace Shell {
@@ -45,18 +48,19 @@ constexpr std::array<Row, commandCount> rows{{
     {"idisable", "<ID> [force]", "Disable an import.", Imports::disable},
     {"remove", "<ID>", "Remove an export.", Exports::remove},
     {"iremove", "<ID>", "Remove an import.", Imports::remove},
-    {"rlist", "<server>", "Return list of exports offered by remote server.", notAvailable},
+    {"rlist", "<server>", "Return list of exports offered by remote server.", Server::listRemote},
     {"props", nullptr, "List all server properties", Server::props},
-    {"discover", nullptr, "List servers in the local network.", notAvailable},
+    {"discover", nullptr, "List servers in the local network.", Server::discover},
     {"ilistnodes", "<ID>", "List available node interfaces for an import.", Imports::listNodes},
-    {"compression", "<1|0>", "Enable or disable data transfer compression for all imports.", notAvailable},
+    {"compression", "<1|0>", "Enable or disable data transfer compression for all imports.",
+     Imports::compression},
     {"diskspec", "<SpecString>", "Discover exports in the local network that match a DiskSpec.",
-     notAvailable},
-    {"password", "[<password>]", "Set/unset password for the local server.", notAvailable},
-    {"reserve", "<host> <password>", "Reserve a remote server.", notAvailable},
-    {"unreserve", "<host>", "Remove the reservation of a remote server.", notAvailable},
-    {"reslist", nullptr, "List active remote server reservations.", notAvailable},
-    {"rescheck", nullptr, "Get current server reservation state.", notAvailable},
+     Server::diskspec},
+    {"password", "[<password>]", "Set/unset password for the local server.", Server::password},
+    {"reserve", "<host> <password>", "Reserve a remote server.", Server::reserve},
+    {"unreserve", "<host>", "Remove the reservation of a remote server.", Server::unreserve},
+    {"reslist", nullptr, "List active remote server reservations.", Server::listReservations},
+    {"rescheck", nullptr, "Get current server reservation state.", Server::checkReservation},
     {"stat", "<ID>", "Print the exports access statistics.", Exports::stat},
     {"quit", nullptr, nullptr, nullptr},
     {"q", nullptr, nullptr, nullptr},

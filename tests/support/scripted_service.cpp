@@ -7,6 +7,7 @@
 #include <map>
 
 #include "shell/addresses.h"
+#include "tests/support/scripted_disk_spec.h"
 
 namespace Support {
 
@@ -46,6 +47,18 @@ void fill(std::vector<Record>& records, const std::vector<Record>& scripted) {
   records = scripted;
 }
 
+/// Tells in the journal when a list of servers is let go of.
+class Witness final : public Object {
+ public:
+  explicit Witness(Platform& platform) : platform_(platform) {}
+  Witness(const Witness&) = delete;
+  Witness& operator=(const Witness&) = delete;
+  ~Witness() override { platform_.record("servers released"); }
+
+ private:
+  Platform& platform_;
+};
+
 }  // namespace
 
 ScriptedService::~ScriptedService() {
@@ -77,6 +90,9 @@ std::optional<Variant> ScriptedService::serverGetNamedProperties() {
 
 bool ScriptedService::serverDiscover(std::vector<RemoteServerDescriptor>& servers) {
   fill(servers, platform_.script.servers);
+  if (!servers.empty() && platform_.isTracing()) {
+    servers.front().source = makeRef<Witness>(platform_);
+  }
   return answer("serverDiscover");
 }
 
@@ -198,6 +214,7 @@ std::optional<RemoteExportList> ScriptedService::fetchRemoteExports(IPEndpoint s
                                                                     std::unique_ptr<Expression> expression) {
   const auto found = platform_.script.remoteExports.find(word(server));
   const bool success = answer("fetchRemoteExports", word(server) + " " + word(expression->text()));
+  dynamic_cast<ScriptedExpression&>(*expression).spoil();
   if (!success || found == platform_.script.remoteExports.end()) {
     return std::nullopt;
   }

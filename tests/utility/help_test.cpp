@@ -2,7 +2,6 @@
 
 #include "tests/support/scripted_platform.h"
 
-using Support::failing;
 using Support::Platform;
 using Support::succeeding;
 
@@ -48,14 +47,4 @@ TEST(Help, ListsTheCommandsInTableOrder) {
 TEST(Help, TakesNoNoticeOfWords) {
   Platform platform;
   EXPECT_EQ(platform.run("help stat \"\" q"), succeeding(helpText));
-}
-
-TEST(NotAvailable, SaysSoForEveryCommandThatIsYetToCome) {
-  Platform platform;
-  for (const char* const command : {"rlist", "discover", "compression", "diskspec", "password", "reserve",
-                                    "unreserve", "reslist", "rescheck"}) {
-    EXPECT_EQ(platform.run(command), failing("This command is not available in this version.\n")) << command;
-    EXPECT_EQ(platform.run(std::string(command) + " 1"),
-              failing("This command is not available in this version.\n"));
-  }
 }
