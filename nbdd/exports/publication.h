@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -23,6 +24,8 @@ class alignas(64) TransferCounters {
   void addReceived(const Batch& batch) { add(received_, batch); }
   void addSent(const Batch& batch) { add(sent_, batch); }
   Control::ExportStatistics statistics() const;
+  /// When the counting began: when the export was added, or the service started with it.
+  std::chrono::steady_clock::time_point began() const { return began_; }
 
  private:
   struct Totals {
@@ -32,6 +35,7 @@ class alignas(64) TransferCounters {
   };
   static void add(Totals& totals, const Batch& batch);
 
+  const std::chrono::steady_clock::time_point began_ = std::chrono::steady_clock::now();
   Totals received_;
   Totals sent_;
 };
