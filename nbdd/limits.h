@@ -162,6 +162,12 @@ inline constexpr std::chrono::milliseconds acceptRetry{100};
 inline constexpr std::chrono::seconds dialTime{15};
 inline constexpr std::chrono::seconds connectTime{5};
 
+/// Threads that look through all exports for a client that asks which match an expression, and how long one
+/// search may take: tens of milliseconds are usual, and one that takes seconds is meant to keep us busy. One
+/// thread, so that searches never take more of the processors from the data path than one of them.
+inline constexpr std::size_t searchThreads = 1;
+inline constexpr std::chrono::seconds searchTime{2};
+
 /// Remote servers whose exports are being asked for at the same time: every one that a search of a large
 /// network has found, and each takes a socket and some memory, for as long as dialTime.
 inline constexpr std::size_t remoteListings = 256;

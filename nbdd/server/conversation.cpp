@@ -7,9 +7,11 @@
 #include "nbd/contract.h"
 #include "nbdd/limits.h"
 
-// What takes time (a hundred thousand exports to look through) runs on the pool, and what belongs to the
-// control loop is asked there; the answer waits meanwhile, and nobody else does. The outcome is left where
-// both sides find it, and the ear outlives whichever of them ends first.
+// What takes time (a hundred thousand exports to look through) runs on a thread for searches, apart from
+// those that wait for storage, and what belongs to the control loop is asked there; the answer waits
+// meanwhile, and nobody else does. The exports are taken from the table when the search begins, so that those
+// who wait for their turn hold nothing. The outcome is left where both sides find it, and the ear outlives
+// whichever of them ends first.
 
 namespace Nbdd {
 
@@ -91,9 +93,9 @@ class Conversation::Later final : public Answer {
   std::unique_ptr<Answer> answer_;
 };
 
-Conversation::Conversation(const ExtensionService& service, const ExportTable& table, Io::ThreadPool& pool,
+Conversation::Conversation(const ExtensionService& service, const ExportTable& table,
                            std::function<void()> wake)
-    : service_(service), table_(table), pool_(pool), ear_(std::make_shared<Ear>(std::move(wake))) {}
+    : service_(service), table_(table), ear_(std::make_shared<Ear>(std::move(wake))) {}
 
 Conversation::~Conversation() { ear_->close(); }
 
@@ -101,9 +103,9 @@ std::shared_ptr<Conversation::Outcome> Conversation::newOutcome() const {
   return std::make_shared<Outcome>(ear_);
 }
 
-std::unique_ptr<Answer> Conversation::onPool(std::move_only_function<std::unique_ptr<Answer>()> job) {
+std::unique_ptr<Answer> Conversation::search(std::move_only_function<std::unique_ptr<Answer>()> job) {
   auto outcome = newOutcome();
-  pool_.submit([outcome, job = std::move(job)]() mutable { outcome->set(job()); });
+  service_.searches->submit([outcome, job = std::move(job)]() mutable { outcome->set(job()); });
   return std::make_unique<Later>(std::move(outcome));
 }
 
@@ -137,15 +139,15 @@ std::unique_ptr<Answer> Conversation::properties() {
 }
 
 std::unique_ptr<Answer> Conversation::exports() {
-  return onPool([publications = table_.publications()] { return answeredWith(publications); });
+  return search([&table = table_] { return answeredWith(table.publications()); });
 }
 
 std::unique_ptr<Answer> Conversation::evaluate(Nbd::Bytes body) {
   if (!service_.evaluate)
     return refused({.type = ReplyType::unsupported, .text = "this server evaluates no expressions"});
-  return onPool([&service = service_, expression = std::vector(body.begin(), body.end()),
-                 publications = table_.publications()]() mutable -> std::unique_ptr<Answer> {
-    const auto found = service.evaluate(expression, std::move(publications));
+  return search([&service = service_, &table = table_,
+                 expression = std::vector(body.begin(), body.end())]() -> std::unique_ptr<Answer> {
+    const auto found = service.evaluate(expression, table.publications());
     return found ? answeredWith(*found) : refused(found.error());
   });
 }

@@ -28,8 +28,10 @@ struct ExtensionService {
   Nbd::Extension::Hello self;
   /// Has the server's properties told, soon, on any thread.
   std::function<void(std::move_only_function<void(Properties)> told)> askProperties;
-  /// Called on a thread that may be kept busy. Empty: there is no DiskSpec here.
+  /// Called on a thread of `searches`. Empty: there is no DiskSpec here.
   std::function<Evaluation(std::span<const std::byte> expression, Publications exports)> evaluate;
+  /// Where many exports are looked through. Never null where the extension is spoken.
+  Io::ThreadPool* searches = nullptr;
 };
 
 /// The server's side of the extension on one connection: answers what the client asks, and keeps what was
@@ -38,8 +40,7 @@ class Conversation final : public Nbd::Extension::Handler {
  public:
   /// `wake` is called, on any thread but never after this has been destroyed, when an answer that was waited
   /// for has come. All else outlives this.
-  Conversation(const ExtensionService& service, const ExportTable& table, Io::ThreadPool& pool,
-               std::function<void()> wake);
+  Conversation(const ExtensionService& service, const ExportTable& table, std::function<void()> wake);
   ~Conversation() override;
   Conversation(const Conversation&) = delete;
   Conversation& operator=(const Conversation&) = delete;
@@ -62,11 +63,10 @@ class Conversation final : public Nbd::Extension::Handler {
   std::unique_ptr<Answer> agreeOnCompression(Nbd::Bytes body);
 
   std::shared_ptr<Outcome> newOutcome() const;
-  std::unique_ptr<Answer> onPool(std::move_only_function<std::unique_ptr<Answer>()> job);
+  std::unique_ptr<Answer> search(std::move_only_function<std::unique_ptr<Answer>()> job);
 
   const ExtensionService& service_;
   const ExportTable& table_;
-  Io::ThreadPool& pool_;
   const std::shared_ptr<Ear> ear_;
   std::optional<Nbd::Extension::Compression> compression_;
 };

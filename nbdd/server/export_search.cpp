@@ -1,9 +1,12 @@
 #include "nbdd/server/export_search.h"
 
+#include <fmt/core.h>
+
 #include <algorithm>
 #include <utility>
 
 #include "nbdd/exports/node.h"
+#include "nbdd/limits.h"
 
 namespace Nbdd {
 
@@ -52,6 +55,26 @@ std::optional<Publications> selectExports(const DiskSpec::Expression& expression
     }
   }
   return selected;
+}
+
+std::expected<Publications, Nbd::Extension::Refusal> searchExports(std::span<const std::byte> expression,
+                                                                   Publications exports,
+                                                                   const CountClients& countClients) {
+  using Nbd::Extension::Refusal;
+  const auto compiled = DiskSpec::decode(expression);
+  if (!compiled) {
+    return std::unexpected(
+        Refusal{Nbd::ReplyType::invalid,
+                fmt::format("{} (DiskSpec error {})", DiskSpec::sentenceOf(compiled.error().number),
+                            static_cast<unsigned>(compiled.error().number))});
+  }
+  auto selected = selectExports(*compiled, std::move(exports), countClients,
+                                std::chrono::steady_clock::now() + Limits::searchTime);
+  if (!selected) {
+    return std::unexpected(
+        Refusal{Nbd::ReplyType::policy, "the expression takes too long over the exports of this server"});
+  }
+  return std::move(*selected);
 }
 
 }  // namespace Nbdd

@@ -2,13 +2,16 @@
 
 #include <chrono>
 #include <cstddef>
+#include <expected>
 #include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <vector>
 
 #include "control/records.h"
 #include "diskspec/expression.h"
+#include "nbd/extension_peers.h"
 #include "nbdd/exports/publication.h"
 
 /// Which published exports a DiskSpec expression selects. Looking through a hundred thousand takes some tens
@@ -29,5 +32,11 @@ DiskSpec::Facts factsOf(const Publication& publication, std::size_t clients,
 std::optional<Publications> selectExports(const DiskSpec::Expression& expression, Publications exports,
                                           const CountClients& countClients,
                                           std::chrono::steady_clock::time_point deadline);
+
+/// The same for an encoded expression of a client, within `Limits::searchTime`; or what the client is told:
+/// that the expression makes no sense, or takes too long.
+std::expected<Publications, Nbd::Extension::Refusal> searchExports(std::span<const std::byte> expression,
+                                                                   Publications exports,
+                                                                   const CountClients& countClients);
 
 }  // namespace Nbdd

@@ -8,6 +8,7 @@
 #include "nbdd/io/thread_pool.h"
 #include "nbdd/limits.h"
 #include "nbdd/log/log.h"
+#include "nbdd/server/export_search.h"
 #include "nbdd/server/export_table.h"
 #include "nbdd/server/listener.h"
 #include "nbdd/server/worker.h"
@@ -22,8 +23,9 @@ struct Server::State : std::enable_shared_from_this<Server::State> {
   Io::EventLoop& loop;
   Events events;
   std::unique_ptr<ExportTable> table;
-  ExtensionService extension;  // outlives the pool, whose jobs use it
+  ExtensionService extension;  // outlives the searches, which use it
   Io::ThreadPool pool{Limits::poolThreads};
+  Io::ThreadPool searches{Limits::searchThreads};
   WorkerEvents workerEvents;
   std::vector<std::unique_ptr<Worker>> workers;
   std::unique_ptr<Listener> listener;
@@ -50,7 +52,11 @@ struct Server::State : std::enable_shared_from_this<Server::State> {
     };
     if (options.extension) {
       extension.self = *options.extension;
-      extension.evaluate = options.evaluate;
+      extension.searches = &searches;
+      extension.evaluate = [this](std::span<const std::byte> expression, Publications exports) {
+        return searchExports(expression, std::move(exports),
+                             [this](Control::ExportId id) { return table->sessionCount(id); });
+      };
       extension.askProperties = [this](std::move_only_function<void(ExtensionService::Properties)> told) {
         postToControl([told = std::move(told)](State& state) mutable {
           told(std::make_shared<std::vector<Nbd::Extension::Property>>(state.events.properties()));

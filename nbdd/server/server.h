@@ -36,8 +36,6 @@ class Server {
     bool allowRing = true;     // use io_uring where the kernel allows it
     /// Speaks the private extension, as this server; needs Events::properties.
     std::optional<Nbd::Extension::Hello> extension = std::nullopt;
-    /// Evaluates DiskSpec expressions; called on threads of the pool.
-    decltype(ExtensionService::evaluate) evaluate = nullptr;
   };
 
   struct Events {

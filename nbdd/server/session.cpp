@@ -62,9 +62,8 @@ Io::Task<void> Session::linger() {
 Io::Task<std::optional<Session::Agreement>> Session::negotiate() {
   using State = Nbd::ServerHandshake::State;
   if (const ExtensionService* const extension = worker_.events().extension) {
-    conversation_ =
-        std::make_unique<Conversation>(*extension, worker_.table(), worker_.pool(),
-                                       [worker = &worker_, id = id_] { worker->wakeSession(id); });
+    conversation_ = std::make_unique<Conversation>(
+        *extension, worker_.table(), [worker = &worker_, id = id_] { worker->wakeSession(id); });
   }
   Nbd::ServerHandshake handshake(worker_.table(), {}, conversation_.get());
   std::vector<std::byte> output;

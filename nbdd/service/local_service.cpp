@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "diskspec/expression.h"
 #include "nbdd/limits.h"
 #include "nbdd/log/log.h"
 #include "nbdd/remote/property_tree.h"
@@ -29,12 +30,19 @@ void answerNotSupported(Answer<T>& answer, std::string_view what) {
 constexpr std::uint16_t usualPort = 10809;
 
 Nbd::Extension::Hello helloOf(const SavedState& state) {
-  return {.server = Nbd::Extension::parseUuid(state.serverUuid).value_or(Nbd::Extension::Uuid{}),
+  return {.capabilities = Nbd::Extension::Capability::diskSpec,
+          .server = Nbd::Extension::parseUuid(state.serverUuid).value_or(Nbd::Extension::Uuid{}),
           .product = fmt::format("Talvek NBD {}", talvekVersion)};
 }
 
 Remote::Place placeOf(const Control::Endpoint& endpoint) {
   return {.host = endpoint.address, .port = endpoint.port == 0 ? usualPort : endpoint.port};
+}
+
+Failure invalidExpression(const DiskSpec::Error& error) {
+  return {FailureCode::expressionInvalid,
+          fmt::format("the DiskSpec expression does not compile: {} (error {}, noticed at byte {})",
+                      DiskSpec::sentenceOf(error.number), static_cast<unsigned>(error.number), error.offset)};
 }
 
 Failure endingFailure() { return {FailureCode::serviceStopping, "the service is about to end"}; }
@@ -317,8 +325,13 @@ void LocalService::importEnableTransferCompression(bool /*enable*/, Answer<void>
 
 void LocalService::fetchRemoteExports(Control::Endpoint endpoint, std::optional<std::string> expression,
                                       Answer<Control::RemoteExportList> answer) {
-  if (expression) return answerNotSupported(answer, "searching for exports is");
-  listings_.fetch(placeOf(endpoint), std::nullopt, std::move(answer));
+  std::optional<std::vector<std::byte>> encoded;
+  if (expression) {
+    const auto compiled = DiskSpec::compile(*expression);
+    if (!compiled) return answer(std::unexpected(invalidExpression(compiled.error())));
+    encoded = DiskSpec::encode(*compiled);
+  }
+  listings_.fetch(placeOf(endpoint), std::move(encoded), std::move(answer));
 }
 
 }  // namespace Nbdd

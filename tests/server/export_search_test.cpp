@@ -74,5 +74,25 @@ TEST(ExportSearch, KnowsThatTheStorageFailed) {
 
 TEST(ExportSearch, GivesUpAtTheDeadline) { EXPECT_EQ(selected("true", Clock::now()), "too late"); }
 
+/// What a client is told that sent `octets`: names, or the kind and the text of the refusal.
+std::string answerTo(std::string_view octets) {
+  std::vector<std::byte> bytes;
+  for (const char octet : octets) bytes.push_back(static_cast<std::byte>(octet));
+  const auto found =
+      searchExports(bytes, {publication(1, "a", 4096), publication(2, "b", 512)}, twoOfTheSecond);
+  if (!found)
+    return (found.error().type == Nbd::ReplyType::invalid ? "invalid: " : "other: ") + found.error().text;
+  std::string names;
+  for (const auto& one : *found) names += one->name + " ";
+  return names;
+}
+
+TEST(ExportSearch, ChecksWhatAClientSends) {
+  EXPECT_EQ(answerTo("\1size > 512"), "a ");
+  EXPECT_EQ(answerTo("\1false"), "");
+  EXPECT_EQ(answerTo("\1colour"), "invalid: There is no such field. (DiskSpec error 12)");
+  EXPECT_EQ(answerTo("\2true").substr(0, 9), "invalid: ");
+}
+
 }  // namespace
 }  // namespace Nbdd
