@@ -86,6 +86,9 @@ void Inquiry::refused(Refusal refusal) {
   }
 }
 
-bool Inquiry::suffices() const { return wish_.nothingElse && findings_.version.has_value(); }
+// Nobody else can evaluate an expression, so there is nothing to ask a server of another kind for.
+bool Inquiry::suffices() const {
+  return wish_.nothingElse && (findings_.version.has_value() || wish_.expression.has_value());
+}
 
 }  // namespace Nbd::Extension
