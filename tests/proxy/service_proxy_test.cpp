@@ -162,13 +162,6 @@ TEST_F(ServiceProxyTest, Imports) {
   expectSampleVariant(*interfaces);
 }
 
-class FixedExpression final : public Libraries::DiskSpec::Expression {
- public:
-  Ref<String> text() const override { return String::create(std::string_view("size > 5")); }
-  std::vector<std::byte> encode() const override { return {}; }
-  std::unique_ptr<Expression> clone() const override { return std::make_unique<FixedExpression>(); }
-};
-
 TEST_F(ServiceProxyTest, RemoteExports) {
   const auto endpoint = Records::toPlatform(Samples::endpoint);
   const auto list = proxy->fetchRemoteExports(endpoint);
@@ -182,8 +175,10 @@ TEST_F(ServiceProxyTest, RemoteExports) {
   EXPECT_EQ(list->exports[0].flags, 3U);
   EXPECT_FALSE(static_cast<bool>(list->exports[1].uuid));
   EXPECT_EQ(server.onThread([&] { return server.service().text; }), std::nullopt);
-  EXPECT_TRUE(proxy->fetchRemoteExports(endpoint, std::make_unique<FixedExpression>()).has_value());
-  EXPECT_EQ(server.onThread([&] { return server.service().text; }), "size > 5");
+  auto expression =
+      Libraries::DiskSpec::Parser::parse(String::create(std::string_view("size>5K")), {})->takeExpression();
+  EXPECT_TRUE(proxy->fetchRemoteExports(endpoint, std::move(expression)).has_value());
+  EXPECT_EQ(server.onThread([&] { return server.service().text; }), "size > 5K");
 }
 
 TEST_F(ServiceProxyTest, AFailureLeavesItsCode) {
