@@ -59,9 +59,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (size == 0) return 0;
   const Nbd::Bytes bytes = std::as_bytes(std::span(data, size)).subspan(1);
   checkEntries(bytes);
-  const Wire::Buffer words =
-      Wire::join({Wire::text("NBDMAGICIHAVEOPT"), Wire::number(std::uint16_t{3}),
-                  Wire::Buffer(bytes.begin(), bytes.end())});
+  const Wire::Buffer words = Wire::join({Wire::text("NBDMAGICIHAVEOPT"), Wire::number(std::uint16_t{3}),
+                                         Wire::Buffer(bytes.begin(), bytes.end())});
   Inquiry wholeInquiry(everything());
   Inquiry splitInquiry(everything());
   const auto wish = [](Inquiry& inquiry) {

@@ -41,6 +41,7 @@ inline constexpr std::size_t blockStatusFixedSize = 4;     // context id
 inline constexpr std::size_t extentSize = 8;               // length and status
 inline constexpr std::size_t extendedStatusFixedSize = 8;  // context id and number of extents
 inline constexpr std::size_t extendedExtentSize = 16;      // length and status
+inline constexpr std::size_t compressedFixedSize = 12;     // offset and plain length before the blocks
 
 /// What both sides agreed on for the headers of the transmission phase.
 enum class HeaderStyle : std::uint8_t {
@@ -103,6 +104,7 @@ enum class ReplyChunk : std::uint16_t {
   offsetHole = 2,
   blockStatus = 5,          // never with extended headers
   extendedBlockStatus = 6,  // never without
+  compressedData = 0x4001,  // private, only where both sides agreed on it: docs/extension.md
   error = 0x8001,
   errorOffset = 0x8002,
 };
@@ -155,6 +157,8 @@ inline constexpr std::uint16_t reqOne = 1 << 3;
 inline constexpr std::uint16_t fastZero = 1 << 4;
 inline constexpr std::uint16_t payloadLength =
     1 << 5;  // with extended headers: the length is that of data behind the request
+inline constexpr std::uint16_t compressed =
+    1 << 14;  // private, of a WRITE where both sides agreed on it: docs/extension.md
 }  // namespace CommandFlag
 
 namespace ReplyFlag {

@@ -19,6 +19,8 @@ bool lengthIsLegal(const ChunkHeader& header, std::uint64_t length, bool isExten
       return length > offsetSize && length - offsetSize <= maximumPayload;
     case ReplyChunk::offsetHole:
       return length == holePayloadSize;
+    case ReplyChunk::compressedData:
+      return length > compressedFixedSize && length - compressedFixedSize <= maximumPayload;
     case ReplyChunk::blockStatus:
       return !isExtended && holdsExtents(length, blockStatusFixedSize, extentSize);
     case ReplyChunk::extendedBlockStatus:

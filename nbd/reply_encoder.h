@@ -29,6 +29,11 @@ class ReplyEncoder {
     return hasChunks() ? headerSize() + offsetSize : simpleReplySize;
   }
 
+  /// Room for what stands before the blocks of compressed data.
+  [[nodiscard]] constexpr std::size_t compressedHeaderSize() const {
+    return headerSize() + compressedFixedSize;
+  }
+
   /// Room for a hole.
   [[nodiscard]] constexpr std::size_t holeSize() const { return headerSize() + holePayloadSize; }
 
@@ -65,6 +70,17 @@ class ReplyEncoder {
         chunkHeader(bytes, request, flags, ReplyChunk::offsetData, offsetSize + length);
     storeBig<std::uint64_t>(bytes.subspan(header).first<offsetSize>(), offset);
     return header + offsetSize;
+  }
+
+  /// What stands before `wireLength` bytes of compressed blocks that stand for `length` bytes of data at
+  /// `offset` of the export. Only where hasChunks(), and both sides agreed on it.
+  std::size_t compressedHeader(std::span<std::byte> bytes, const Request& request, std::uint16_t flags,
+                               std::uint64_t offset, std::uint64_t length, std::uint64_t wireLength) const {
+    const std::size_t header =
+        chunkHeader(bytes, request, flags, ReplyChunk::compressedData, compressedFixedSize + wireLength);
+    storeBig<std::uint64_t>(bytes.subspan(header).first<8>(), offset);
+    storeBig<std::uint32_t>(bytes.subspan(header + 8).first<4>(), narrow<std::uint32_t>(length));
+    return header + compressedFixedSize;
   }
 
   /// A whole chunk: `length` bytes (not 0) at `offset` of the export read as zeroes. Only where hasChunks().

@@ -144,6 +144,29 @@ inline constexpr std::size_t knownDataRuns = 1024;
 /// Threads for calls that block, in all: as many requests a disk sees at once without io_uring.
 inline constexpr std::size_t poolThreads = 64;
 
+// Compressed transfers.
+
+/// Plain bytes in one compressed block: zstd finds little more in larger ones, and a block is a fraction of a
+/// millisecond of work. A peer may ask for smaller ones.
+inline constexpr std::uint32_t compressionBlock = 128 * 1024;
+
+/// Transfers below this size go plain: a packet is sent for them anyhow.
+inline constexpr std::uint32_t compressionSmallest = 2048;
+
+/// Up to this size a transfer is compressed or expanded on the loop of its connection; larger ones would keep
+/// other connections waiting, and go to a thread of the pool.
+inline constexpr std::uint32_t compressionInline = 32 * 1024;
+
+/// A transfer goes compressed if that saves at least one byte in so many.
+inline constexpr std::uint32_t compressionWorth = 16;
+
+/// Blocks that look like noise, or could not be made smaller, are passed over: from one up to so many in a
+/// row, doubling, before the next is tried all the same.
+inline constexpr std::uint32_t compressionPassedOver = 64;
+
+/// Plain bytes of writes that an import compresses before it sends what it has.
+inline constexpr std::size_t importCompressBatch = std::size_t{256} * 1024;
+
 // Imports: what remote servers can make us hold or wait for.
 
 /// Imports that one service holds. Each takes a thread while it is enabled; a host with more remote disks
