@@ -19,6 +19,7 @@ class alignas(64) TransferCounters {
     std::uint64_t transfers = 0;
     std::uint64_t bytes = 0;             // that clients asked for or sent
     std::uint64_t bytesTransferred = 0;  // that crossed the wire: holes do not
+    std::uint64_t compressed = 0;        // of the transfers, how many were compressed
   };
 
   void addReceived(const Batch& batch) { add(received_, batch); }
@@ -32,8 +33,10 @@ class alignas(64) TransferCounters {
     std::atomic<std::uint64_t> transfers = 0;
     std::atomic<std::uint64_t> bytes = 0;
     std::atomic<std::uint64_t> bytesTransferred = 0;
+    std::atomic<std::uint64_t> compressed = 0;
   };
   static void add(Totals& totals, const Batch& batch);
+  static Control::ExportTransferCounters countersOf(const Totals& totals);
 
   const std::chrono::steady_clock::time_point began_ = std::chrono::steady_clock::now();
   Totals received_;

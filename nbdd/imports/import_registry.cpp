@@ -373,4 +373,10 @@ Control::Result<ImportRegistry::Imports::const_iterator> ImportRegistry::find(Im
   return position;
 }
 
+void ImportRegistry::setCompression(bool enable) {
+  for (const auto& [id, subject] : imports_) {
+    if (subject.run) subject.run->setCompression(enable);
+  }
+}
+
 }  // namespace Nbdd

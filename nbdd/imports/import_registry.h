@@ -43,6 +43,9 @@ class ImportRegistry {
   void disable(Control::ImportId id, bool force, Control::Answer<void> answer);
   Control::Result<void> remove(Control::ImportId id);
 
+  /// Has all transfers of all imports compressed from now on, where the servers can, or none.
+  void setCompression(bool enable);
+
   std::vector<Control::ImportId> list() const;
   Control::Result<Control::ImportInfo> info(Control::ImportId id) const;
   Control::Result<Control::Variant> nodeInterfaces(Control::ImportId id) const;

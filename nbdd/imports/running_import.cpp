@@ -54,6 +54,10 @@ ImportStatus RunningImport::status() const {
   return status_;
 }
 
+void RunningImport::setCompression(bool enable) {
+  loop_.post([this, enable] { device_.setCompression(enable); });
+}
+
 void RunningImport::tell(std::move_only_function<void(const ImportEvents&)> event) {
   control_.post([ear = ear_, event = std::move(event)]() mutable {
     if (ear->listening) event(ear->events);

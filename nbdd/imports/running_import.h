@@ -40,6 +40,8 @@ class ImportRun {
   /// follows soon.
   virtual void end() = 0;
   virtual ImportStatus status() const = 0;
+  /// Compresses transfers from now on, or does not.
+  virtual void setCompression(bool enable) = 0;
 };
 
 /// What a run tells, on the control loop's thread, in the order in which it happens; none after `ended`, and
@@ -71,6 +73,7 @@ class RunningImport final : public ImportRun {
 
   void end() override;
   ImportStatus status() const override;
+  void setCompression(bool enable) override;
 
  private:
   /// What the events are told to, for as long as somebody listens. The control loop's thread.

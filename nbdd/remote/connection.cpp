@@ -52,6 +52,7 @@ Connection::Connection(Io::EventLoop& loop, Dialled dialled, Answered answered)
     : stream_(std::move(dialled.stream)),
       agreement_(std::move(dialled.agreement)),
       answered_(std::move(answered)),
+      compression_(sendsChunks() ? dialled.compression : std::nullopt),
       work_(loop),
       input_(Limits::importInput) {
   freeSlots_.reserve(slots);
@@ -81,6 +82,16 @@ Io::Task<Connection::Ending> Connection::run() {
   co_return ending;
 }
 
+void Connection::leave() {
+  if (retiring_ || stopped_ || over_) return;
+  left_ = true;
+  retire();
+  if (inFlight_ == 0) {
+    takeLeave();
+    stream_->endSending();  // whoever receives waits for the server's end, which follows
+  }
+}
+
 void Connection::stop() {
   stopped_ = true;
   accepting_ = false;
@@ -104,6 +115,7 @@ void Connection::submit(Request& request) {
   const std::uint8_t slot = freeSlots_.back();
   freeSlots_.pop_back();
   request.cookie_ = nextNumber_++ << slotBits | slot;
+  request.compressed_.clear();
   request.unsent_ = wireSize(request);
   request.answer_.reset();
   request.error_ = Nbd::Error::none;
@@ -112,7 +124,7 @@ void Connection::submit(Request& request) {
   inSlot_[slot].request = &request;
   Nbd::Request wire = wireRequest(request);
   wire.flags |= Nbd::plainFlags(request.command, agreement_.headers);
-  encode(wire, inSlot_[slot].header);
+  encode(wire, std::span(inSlot_[slot].header).first<Nbd::extendedRequestSize>());
   ++inFlight_;
   outgoing_.push_back(&request);
   work_.notify();
@@ -143,6 +155,7 @@ Io::Task<void> Connection::sendAll() {
       co_await waiting;
       continue;
     }
+    if (compression_) compressNext();
     const ssize_t count = stream_->send(std::span<const iovec>(pieces).first(collect(pieces)));
     if (count > 0) {
       sent(static_cast<std::size_t>(count));
@@ -155,19 +168,56 @@ Io::Task<void> Connection::sendAll() {
   }
 }
 
+Connection::Bytes Connection::wireHeader(const Request& request) const {
+  const std::size_t size = requestSize() + (request.compressed_.empty() ? 0 : Nbd::compressedLengthSize);
+  return Bytes(inSlot_[request.cookie_ % slots].header).first(size);
+}
+
+/// Makes the next requests ready to be sent: a few, so that those before them leave meanwhile.
+void Connection::compressNext() {
+  std::size_t bytes = 0;
+  while (ready_ < outgoing_.size() && (bytes < Limits::importCompressBatch || ready_ == 0)) {
+    Request& request = *outgoing_[ready_++];
+    bytes += request.payload.size();
+    if (request.payload.size() >= Limits::compressionSmallest) compress(request);
+  }
+}
+
+void Connection::compress(Request& request) {
+  std::vector<Attempt> attempts = sampler_.choose(request.payload, compression_->blockLength);
+  if (attempts.empty()) return;
+  const std::vector<Attempt> before = attempts;
+  request.compressed_.resize(request.payload.size());
+  const std::size_t length =
+      compressBlocks(request.payload, compression_->blockLength, attempts, request.compressed_);
+  sampler_.note(before, attempts);
+  request.compressed_.resize(length);
+  if (length == 0) return;
+  Nbd::Request wire = wireRequest(request);
+  wire.flags |= Nbd::plainFlags(request.command, agreement_.headers);
+  wire.flags |= Nbd::CommandFlag::compressed;
+  auto& header = inSlot_[request.cookie_ % slots].header;
+  encode(wire, std::span(header).first<Nbd::extendedRequestSize>());
+  Nbd::storeBig<std::uint32_t>(std::span(header).subspan(requestSize()).first<Nbd::compressedLengthSize>(),
+                               static_cast<std::uint32_t>(length));
+  request.unsent_ = wireSize(request);
+}
+
 /// What to send next. Returns the number of pieces.
 std::size_t Connection::collect(std::span<iovec> pieces) const {
   std::size_t used = 0;
-  for (const Request* const request : outgoing_) {
+  // Without compression all are ready.
+  const auto ready = compression_ ? static_cast<std::ptrdiff_t>(ready_) : std::ssize(outgoing_);
+  for (const Request* const request : std::ranges::subrange(outgoing_.begin(), outgoing_.begin() + ready)) {
     if (used + 2 > pieces.size()) break;
     const std::size_t done = wireSize(*request) - request->unsent_;
     const auto add = [&](Bytes bytes) {
       // The kernel only reads it.
       if (!bytes.empty()) pieces[used++] = {const_cast<std::byte*>(bytes.data()), bytes.size()};
     };
-    const Bytes header = Bytes(inSlot_[request->cookie_ % slots].header).first(requestSize());
+    const Bytes header = wireHeader(*request);
     add(header.subspan(std::min(done, header.size())));
-    add(request->payload.subspan(done - std::min(done, header.size())));
+    add(wireData(*request).subspan(done - std::min(done, header.size())));
   }
   return used;
 }
@@ -180,6 +230,7 @@ void Connection::sent(std::size_t count) {
     count -= part;
     if (request.unsent_ > 0) return;
     outgoing_.pop_front();
+    if (compression_) --ready_;
     if (request.answer_) complete(request, *request.answer_);
   }
   // Whoever receives may be waiting for a server that has nothing more to say: its end will wake him.
@@ -354,6 +405,12 @@ bool Connection::beginChunkPayload(const Nbd::ChunkHeader& header, Request& requ
     case Nbd::ReplyChunk::offsetHole:
       if (!isRead) return violation("it sent data that nobody asked for");
       break;
+    case Nbd::ReplyChunk::compressedData:
+      // Compressed data are shorter than what they stand for.
+      if (!isRead || !compression_ || header.length - Nbd::compressedFixedSize >= request.length) {
+        return violation("it sent compressed data that nobody asked for");
+      }
+      break;
     case Nbd::ReplyChunk::blockStatus:
     case Nbd::ReplyChunk::extendedBlockStatus:
       if (request.command != Nbd::Command::blockStatus || !request.extents->empty()) {
@@ -373,6 +430,8 @@ bool Connection::takePayload(Bytes payload) {
       return takeDataOffset(payload);
     case Nbd::ReplyChunk::offsetHole:
       return takeHole(payload) && endOfChunk();
+    case Nbd::ReplyChunk::compressedData:
+      return takeCompressed(payload) && endOfChunk();
     case Nbd::ReplyChunk::blockStatus:
     case Nbd::ReplyChunk::extendedBlockStatus:
       return takeBlockStatus(payload) && endOfChunk();
@@ -397,6 +456,18 @@ bool Connection::takeHole(Bytes payload) {
   }
   std::ranges::fill(current_->destination.subspan(hole->offset - current_->offset, hole->length),
                     std::byte{});
+  return true;
+}
+
+bool Connection::takeCompressed(Bytes payload) {
+  const auto piece = Nbd::decodeCompressedPiece(payload);
+  if (!piece || !current_->reading_->takeContent(piece->offset, piece->plainLength)) {
+    return violation("it sent data that were not asked for");
+  }
+  const auto plain = current_->destination.subspan(piece->offset - current_->offset, piece->plainLength);
+  if (!expandBlocks(piece->blocks, compression_->blockLength, plain)) {
+    return violation("it sent compressed data that are damaged");
+  }
   return true;
 }
 
@@ -480,6 +551,7 @@ std::vector<Request*> Connection::takeUnanswered() {
   }
   std::ranges::sort(requests, {}, [](const Request* request) { return request->cookie_; });
   outgoing_.clear();
+  ready_ = 0;
   inFlight_ = 0;
   return requests;
 }

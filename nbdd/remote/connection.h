@@ -15,7 +15,10 @@
 #include <vector>
 
 #include "nbd/client_handshake.h"
+#include "nbd/compressed.h"
 #include "nbd/constants.h"
+#include "nbd/extension.h"
+#include "nbdd/compression/block_codec.h"
 #include "nbdd/io/event_loop.h"
 #include "nbdd/io/scope.h"
 #include "nbdd/io/signal.h"
@@ -65,6 +68,9 @@ class Connection {
   /// Whether the server has given at least one good answer.
   bool provedGood() const { return provedGood_; }
 
+  /// Takes no more requests, and ends in good order when those that it has are answered.
+  void leave();
+  bool hasLeft() const { return left_; }
   /// Ends it at once, whatever the server does.
   void stop();
 
@@ -74,6 +80,8 @@ class Connection {
 
   // Sending.
   Io::Task<void> sendAll();
+  void compressNext();
+  void compress(Request& request);
   std::size_t collect(std::span<iovec> pieces) const;
   void sent(std::size_t count);
 
@@ -89,6 +97,7 @@ class Connection {
   bool takePayload(Bytes payload);
   bool takeDataOffset(Bytes payload);
   bool takeHole(Bytes payload);
+  bool takeCompressed(Bytes payload);
   bool takeBlockStatus(Bytes payload);
   bool takeError(Bytes payload);
   bool endOfChunk();
@@ -103,7 +112,14 @@ class Connection {
   /// The request as the protocol has it.
   static Nbd::Request wireRequest(const Request& request);
   std::size_t requestSize() const { return Nbd::requestSizeOf(agreement_.headers); }
-  std::size_t wireSize(const Request& request) const { return requestSize() + request.payload.size(); }
+  /// What is sent of it before its data, and what for its data.
+  Bytes wireHeader(const Request& request) const;
+  static Bytes wireData(const Request& request) {
+    return request.compressed_.empty() ? request.payload : Bytes(request.compressed_);
+  }
+  std::size_t wireSize(const Request& request) const {
+    return wireHeader(request).size() + wireData(request).size();
+  }
   void encode(const Nbd::Request& request, std::span<std::byte, Nbd::extendedRequestSize> bytes) const;
 
   static constexpr std::size_t slotBits = 8;
@@ -113,20 +129,24 @@ class Connection {
   std::unique_ptr<Io::Stream> stream_;
   const Nbd::ClientHandshake::Agreement agreement_;
   const Answered answered_;
+  const std::optional<Nbd::Extension::Compression> compression_;
+  CompressionSampler sampler_;
 
   // Requests in the server's hands. A cookie is a running number and, in its last bits, the slot.
   struct Slot {
     Request* request = nullptr;
-    std::array<std::byte, Nbd::extendedRequestSize> header;
+    std::array<std::byte, Nbd::extendedRequestSize + Nbd::compressedLengthSize> header;
   };
   std::array<Slot, slots> inSlot_;
   std::vector<std::uint8_t> freeSlots_;
   std::uint64_t nextNumber_ = 0;
   std::size_t inFlight_ = 0;
   std::deque<Request*> outgoing_;  // not sent to the end yet; the first perhaps in part
+  std::size_t ready_ = 0;          // so many of them, from the front, went through compressNext()
   std::vector<Request*> refused_;  // answered with "I am about to end"
   bool accepting_ = true;
   bool retiring_ = false;
+  bool left_ = false;  // by leave()
   bool over_ = false;
   bool stopped_ = false;
   bool provedGood_ = false;

@@ -7,6 +7,7 @@
 #include <random>
 
 #include "nbd/contract.h"
+#include "nbd/extension_inquiry.h"
 #include "nbdd/log/log.h"
 
 // Each link is a coroutine that keeps one connection: dials, uses it until it ends, pauses, dials again.
@@ -41,7 +42,10 @@ bool isEmptyTransfer(const Request& request) {
 }  // namespace
 
 Device::Device(Io::EventLoop& loop, Options options, Events events)
-    : loop_(loop), options_(std::move(options)), events_(std::move(events)) {}
+    : loop_(loop),
+      options_(std::move(options)),
+      events_(std::move(events)),
+      compression_(options_.compression) {}
 
 void Device::start() {
   links_.emplace_back(loop_);
@@ -62,10 +66,17 @@ Io::Task<void> Device::keepConnected(std::size_t number) {
   while (!stopping_) {
     Dialler dialler(loop_, options_.server, options_.patience);
     link.dialler = &dialler;
-    Io::Task<DialResult> dialling =
-        dialler.dial({.exportName = options_.exportName, .extendedHeaders = true});
+    Nbd::Extension::Inquiry inquiry(
+        {.self = options_.self,
+         .compression = Nbd::Extension::Compression{.blockLength = Limits::compressionBlock}});
+    const bool compression = compression_;
+    Io::Task<DialResult> dialling = dialler.dial({.exportName = options_.exportName,
+                                                  .extendedHeaders = true,
+                                                  .dialogue = compression ? &inquiry : nullptr});
     DialResult dialled = co_await dialling;
     link.dialler = nullptr;
+    if (dialled) dialled->compression = inquiry.findings().compression;
+    if (dialled && compression != compression_) continue;  // switched meanwhile
     if (stopping_) break;
     std::optional<Failure> refused;
     if (!dialled) {
@@ -80,6 +91,7 @@ Io::Task<void> Device::keepConnected(std::size_t number) {
       co_await using_;
     }
     if (stopping_) break;
+    if (std::exchange(link.again, false)) continue;
     Io::Task<void> pausing = pause(backoff.next(), link.wake);
     co_await pausing;
   }
@@ -105,6 +117,7 @@ Io::Task<void> Device::use(Link& link, Dialled dialled, Backoff& backoff) {
   std::erase(live_, &connection);
   events_.changed();
   if (connection.provedGood()) backoff.reset();
+  link.again = connection.hasLeft() && ending.kind != Connection::Ending::Kind::silent;
   if (Io::Clock::now() - begin > Limits::shortLife) violations_ = 0;
   ended(link, connection, ending);
 }
@@ -123,7 +136,9 @@ void Device::ended(Link& link, Connection& connection, const Connection::Ending&
   if (ending.kind == Connection::Ending::Kind::violation && ++violations_ >= Limits::violationsInARow) {
     return giveUp(ending.reason);
   }
-  if (live_.empty()) {
+  if (link.again) {
+    distribute();
+  } else if (live_.empty()) {
     events_.waiting(failure(FailureCode::connectionFailed, ending.reason));
   } else {
     distribute();
@@ -180,6 +195,14 @@ std::optional<Failure> Device::refusal(const ClientHandshake::Agreement& agreeme
 
 Failure Device::failure(FailureCode code, std::string_view what) const {
   return {code, fmt::format("{} port {}: {}", escaped(options_.server.host), options_.server.port, what)};
+}
+
+// --- Compression
+
+void Device::setCompression(bool enable) {
+  if (compression_ == enable) return;
+  compression_ = enable;
+  for (Connection* const connection : live_) connection->leave();
 }
 
 // --- Requests

@@ -14,6 +14,7 @@
 
 #include "control/failure.h"
 #include "nbd/client_handshake.h"
+#include "nbd/extension.h"
 #include "nbd/validation.h"
 #include "nbdd/io/event_loop.h"
 #include "nbdd/io/scope.h"
@@ -35,7 +36,9 @@ class Device {
   struct Options {
     Place server;
     std::string exportName;
-    bool readOnly = false;  ///< never write, whatever the server allows
+    bool readOnly = false;            ///< never write, whatever the server allows
+    bool compression = false;         ///< compress transfers, where the server can
+    Nbd::Extension::Hello self = {};  ///< what a server of our own kind is told of this one
     std::size_t connections = Limits::importConnections;
     Dialler::Patience patience = Dialler::usualPatience();
     Backoff::Pauses pauses = {};
@@ -73,6 +76,10 @@ class Device {
   bool hasGeometry() const { return geometry_.has_value(); }
   std::size_t connections() const { return live_.size(); }
 
+  /// Compresses transfers, or does not: connections that agreed on something else take nothing new, finish
+  /// what they have, and are made anew.
+  void setCompression(bool enable);
+
   /// Asks the server, sooner or later. A request that the limits forbid is answered without it.
   void submit(Request& request);
 
@@ -90,6 +97,7 @@ class Device {
     explicit Link(Io::EventLoop& loop) : wake(loop) {}
     Io::Signal wake;
     Dialler* dialler = nullptr;
+    bool again = false;              ///< the connection was ended to be made anew at once
     std::vector<Request*> unproven;  ///< of a connection that ended in silence
   };
 
@@ -114,6 +122,7 @@ class Device {
   const Options options_;
   const Events events_;
   std::optional<Geometry> geometry_;
+  bool compression_;
   bool stopping_ = false;
   int violations_ = 0;
 

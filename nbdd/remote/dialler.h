@@ -3,11 +3,13 @@
 #include <cstdint>
 #include <expected>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "control/failure.h"
 #include "nbd/client_handshake.h"
+#include "nbd/extension.h"
 #include "nbdd/io/event_loop.h"
 #include "nbdd/io/signal.h"
 #include "nbdd/io/stream.h"
@@ -27,8 +29,9 @@ struct Dialled {
   std::unique_ptr<Io::Stream> stream;
   Nbd::ClientHandshake::Agreement agreement;
   std::vector<Nbd::RemoteExport>
-      exports;                      ///< of the goals that list them; the connection is then of no more use
-  std::vector<std::byte> received;  ///< what came behind the handshake already
+      exports;  ///< of the goals that list them; the connection is then of no more use
+  std::optional<Nbd::Extension::Compression> compression;  ///< what the caller agreed on by a dialogue
+  std::vector<std::byte> received;                         ///< what came behind the handshake already
 };
 
 using DialResult = std::expected<Dialled, Control::Failure>;

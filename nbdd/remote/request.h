@@ -44,6 +44,7 @@ class Request {
   std::size_t unsent_ = 0;                 ///< bytes of header and payload that the kernel has not taken
   std::optional<Nbd::Error> answer_;       ///< came before all of it was sent
   Nbd::Error error_ = Nbd::Error::none;    ///< of an error chunk, until the reply's last chunk
+  std::vector<std::byte> compressed_;      ///< of a WRITE that goes compressed: what is sent for the payload
   std::optional<Nbd::ReadReply> reading_;  ///< of a READ: what has come
 };
 

@@ -85,6 +85,8 @@ void Transmission::read(const Request& request) {
   const int file = storage().descriptor();
   if (request.length == 0) {
     reply(request, Nbd::Error::none);
+  } else if (goesCompressed(request)) {
+    begin(request.length, readCompressed(request));
   } else if (request.length < sendFileLength) {
     if (!isWorthALook() || !readFromMemory(request)) {
       begin(request.length, readSlowly(request));

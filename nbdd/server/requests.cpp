@@ -16,6 +16,7 @@
 #include "nbdd/exports/allocation.h"
 #include "nbdd/limits.h"
 #include "nbdd/server/read_shape.h"
+#include "nbdd/server/transfer_all.h"
 #include "nbdd/server/transmission.h"
 #include "nbdd/server/wire_error.h"
 #include "nbdd/server/worker.h"
@@ -29,36 +30,6 @@ constexpr std::size_t zeroBlockSize = std::size_t{1024} * 1024;
 std::span<const std::byte> zeroBlock() {
   static const std::array<std::byte, zeroBlockSize> zeroes{};
   return zeroes;
-}
-
-/// Repeats the operation that `describe` makes until all of `bytes` is read or written. 0 or an errno; a file
-/// that has become shorter than the export gives EIO.
-template <class Bytes>
-Io::Task<int> transferAll(Io::FileIo& files, int file, Bytes bytes, std::uint64_t offset,
-                          Io::FileOperation (*describe)(int, Bytes, std::uint64_t)) {
-  while (!bytes.empty()) {
-    Io::FileOperation operation = describe(file, bytes, offset);
-    Io::FileIo::Running running = files.run(operation);
-    const int result = co_await running;
-    if (result == 0) {
-      co_return EIO;
-    }
-    if (result < 0 && result != -EINTR && result != -EAGAIN) {
-      co_return -result;
-    }
-    const auto count = static_cast<std::size_t>(std::max(result, 0));
-    bytes = bytes.subspan(count);
-    offset += count;
-  }
-  co_return 0;
-}
-
-Io::Task<int> readAll(Io::FileIo& files, int file, std::span<std::byte> buffer, std::uint64_t offset) {
-  return transferAll(files, file, buffer, offset, &Io::FileOperation::read);
-}
-
-Io::Task<int> writeAll(Io::FileIo& files, int file, std::span<const std::byte> data, std::uint64_t offset) {
-  return transferAll(files, file, data, offset, &Io::FileOperation::write);
 }
 
 Io::Task<int> writeZeroBytes(Io::FileIo& files, int file, std::uint64_t offset, std::uint64_t length) {
@@ -257,7 +228,8 @@ Io::Task<void> Transmission::readSlowly(Request request) {
   sender_.post(std::move(buffer), used, std::move(share));
 }
 
-Io::Task<void> Transmission::writeSlowly(Request request, Io::Buffer payload, MemoryBudget::Share share) {
+Io::Task<void> Transmission::writeSlowly(Request request, Io::Buffer payload, MemoryBudget::Share share,
+                                         std::size_t wireLength) {
   int error = EIO;
   if (!storage().failed()) {
     Io::Task<int> writing =
@@ -266,8 +238,10 @@ Io::Task<void> Transmission::writeSlowly(Request request, Io::Buffer payload, Me
   }
   payload.reset();
   share = {};
-  publication_->counters->addReceived(
-      {.transfers = 1, .bytes = request.length, .bytesTransferred = request.length});
+  publication_->counters->addReceived({.transfers = 1,
+                                       .bytes = request.length,
+                                       .bytesTransferred = wireLength > 0 ? wireLength : request.length,
+                                       .compressed = wireLength > 0 ? 1U : 0U});
   Io::Task<int> syncing = syncIfAsked(request, error);
   error = co_await syncing;
   postReply(request, error);

@@ -173,7 +173,8 @@ Io::Task<void> Session::serve(Agreement agreement) {
   }
   log(LogLevel::info, "client-came", "export {}: client {} port {} uses it",
       static_cast<std::uint32_t>(publication->id), peer_.address, peer_.port);
-  transmission_ = std::make_unique<Transmission>(worker_, stream_, sender_, publication, agreement);
+  transmission_ = std::make_unique<Transmission>(worker_, stream_, sender_, publication, agreement,
+                                                 conversation_ ? conversation_->compression() : std::nullopt);
   if (!ending_) {
     Io::Task<void> transmitting = transmission_->run(std::move(received_));
     co_await transmitting;

@@ -29,7 +29,8 @@ constexpr std::size_t payloadPiece = std::size_t{1024} * 1024;
 
 Transmission::Transmission(Worker& worker, Io::Stream& stream, Sender& sender,
                            std::shared_ptr<const Publication> publication,
-                           const Nbd::ServerHandshake::Agreement& agreement)
+                           const Nbd::ServerHandshake::Agreement& agreement,
+                           std::optional<Nbd::Extension::Compression> compression)
     : worker_(worker),
       stream_(stream),
       sender_(sender),
@@ -37,6 +38,7 @@ Transmission::Transmission(Worker& worker, Io::Stream& stream, Sender& sender,
       limits_(agreement.limits()),
       replies_(limits_.headers),
       allocationContext_(agreement.allocationContext),
+      compression_(replies_.hasChunks() ? compression : std::nullopt),
       batch_(worker.replyMemory(), sender),
       guard_(worker.loop(), [this] { guardExpired(); }),
       room_(worker.loop()) {}
@@ -192,6 +194,10 @@ std::size_t Transmission::executeOne(std::span<const std::byte> input) {
     over();
     return 0;
   }
+  if (compression_ && request->type == Nbd::Command::write &&
+      (request->flags & Nbd::CommandFlag::compressed) != 0) [[unlikely]] {
+    return executeCompressedWrite(*request, input.subspan(headerSize));
+  }
   if (const std::optional<Nbd::Error> error = Nbd::validate(*request, limits_)) {
     return refuse(*request, *error);
   }
@@ -338,26 +344,29 @@ void Transmission::endTurn() {
 /// before they are complete, nothing of them is written.
 Io::Task<void> Transmission::receivePayload() {
   const Request request = *std::exchange(incoming_, std::nullopt);
+  const std::size_t wireLength = std::exchange(incomingWire_, 0);
+  const std::size_t length = wireLength > 0 ? wireLength : request.length;
   Payload payload;
   // The pages behind this are not touched before data arrive for them.
-  payload.buffer = worker_.buffers().take(request.length);
+  payload.buffer = worker_.buffers().take(length);
   // Had all of it arrived, it would not have come here.
   std::ranges::copy(carried_.bytes(), payload.buffer.data());
   payload.filled = carried_.size();
   carried_.reset();
-  Io::Task<bool> beginning =
-      receiveUpTo(payload, std::min<std::size_t>(request.length, Limits::payloadFirstPiece));
+  Io::Task<bool> beginning = receiveUpTo(payload, std::min<std::size_t>(length, Limits::payloadFirstPiece));
   bool complete = co_await beginning;
   if (complete) {
-    MemoryBudget::Waiting waiting = worker_.payloadMemory().take(request.length, this);
+    MemoryBudget::Waiting waiting = worker_.payloadMemory().take(request.length + wireLength, this);
     payload.share = co_await waiting;
-    Io::Task<bool> receiving = receiveUpTo(payload, request.length);
+    Io::Task<bool> receiving = receiveUpTo(payload, length);
     complete = co_await receiving;
   }
   stream_.setReceiveThreshold(1);
   largeWriteEnded_ = true;
   if (!complete) {
     over();
+  } else if (wireLength > 0) {
+    begin(request.length, writeCompressed(request, std::move(payload.buffer), std::move(payload.share)));
   } else if (!mustWait(request)) {
     writeAtOnce(request, payload.buffer.bytes());
     endTurn();

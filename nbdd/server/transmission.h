@@ -8,9 +8,11 @@
 #include <vector>
 
 #include "nbd/constants.h"
+#include "nbd/extension.h"
 #include "nbd/reply_encoder.h"
 #include "nbd/request.h"
 #include "nbd/server_handshake.h"
+#include "nbdd/compression/block_codec.h"
 #include "nbdd/exports/publication.h"
 #include "nbdd/io/buffer.h"
 #include "nbdd/io/scope.h"
@@ -36,7 +38,8 @@ class Transmission {
  public:
   Transmission(Worker& worker, Io::Stream& stream, Sender& sender,
                std::shared_ptr<const Publication> publication,
-               const Nbd::ServerHandshake::Agreement& agreement);
+               const Nbd::ServerHandshake::Agreement& agreement,
+               std::optional<Nbd::Extension::Compression> compression = std::nullopt);
 
   /// Serves until the client ends the session, breaks the protocol or is gone, or until `stop`; then awaits
   /// the requests that run. `received` is what arrived behind the handshake.
@@ -85,13 +88,21 @@ class Transmission {
   void begin(std::size_t bytes, Io::Task<void> task);
   Io::Task<void> counted(std::size_t bytes, Io::Task<void> task);
   Io::Task<void> readSlowly(Request request);
-  Io::Task<void> writeSlowly(Request request, Io::Buffer payload, MemoryBudget::Share share);
+  /// `wireLength`: bytes that carried the payload, if they were compressed.
+  Io::Task<void> writeSlowly(Request request, Io::Buffer payload, MemoryBudget::Share share,
+                             std::size_t wireLength = 0);
   Io::Task<void> syncSlowly(Request request);
   Io::Task<void> trimSlowly(Request request);
   Io::Task<void> writeZeroesSlowly(Request request);
   Io::Task<void> cacheSlowly(Request request);
   Io::Task<void> blockStatusSlowly(Request request);
   Io::Task<int> syncIfAsked(Request request, int error);
+
+  // Compressed transfers, where they were agreed on (compressed.cpp)
+  bool goesCompressed(const Request& request) const;
+  std::size_t executeCompressedWrite(Request request, std::span<const std::byte> behind);
+  Io::Task<void> writeCompressed(Request request, Io::Buffer blocks, MemoryBudget::Share share);
+  Io::Task<void> readCompressed(Request request);
 
   // Replies
   void reply(const Request& request, Nbd::Error error);  // within a turn
@@ -111,6 +122,9 @@ class Transmission {
   const Nbd::ReplyEncoder replies_;
   const std::optional<std::uint32_t> allocationContext_;
 
+  const std::optional<Nbd::Extension::Compression> compression_;
+  CompressionSampler sampler_;
+
   ReplyBatch batch_;                  // of this turn
   TransferCounters::Batch received_;  // of this turn
   TransferCounters::Batch sent_;      // of this turn
@@ -121,6 +135,7 @@ class Transmission {
   bool carriedIsRunnable_ = false;   // it starts with a whole request
   std::uint64_t drain_ = 0;          // bytes of a refused request's data still to be read past
   std::optional<Request> incoming_;  // a large write whose data are arriving
+  std::size_t incomingWire_ = 0;     // bytes of them, if they are compressed
   std::size_t inFlight_ = 0;         // requests that wait for storage
   std::size_t inFlightBytes_ = 0;
   unsigned int misses_ = 0;       // reads in a row that were not in memory

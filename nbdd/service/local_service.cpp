@@ -184,13 +184,15 @@ void LocalService::endIfClosed() {
 }
 
 void LocalService::serverCapabilities(Answer<Control::Flags<Control::ServerCapability>> answer) {
-  answer(Control::Flags<Control::ServerCapability>{Control::ServerCapability::readWriteExports});
+  answer(Control::Flags{Control::ServerCapability::readWriteExports,
+                        Control::ServerCapability::transferCompression});
 }
 
 void LocalService::serverGetNamedProperties(Answer<Control::Variant> answer) { answer(namedProperties()); }
 
 Server::Options LocalService::withExtension(Server::Options options) const {
   options.extension = helloOf(saved_);
+  options.extension->capabilities = Nbd::Extension::Capability::compression;
   return options;
 }
 
@@ -284,7 +286,9 @@ void LocalService::exportRemove(Control::ExportId id, Answer<void> answer) {
 std::unique_ptr<ImportRun> LocalService::startImport(const SavedImport& saved, ImportEvents events) {
   RunningImport::Options options{.device = {.server = placeOf(saved.server),
                                             .exportName = saved.name,
-                                            .readOnly = saved.flags.has(Control::ImportFlag::forceReadOnly)},
+                                            .readOnly = saved.flags.has(Control::ImportFlag::forceReadOnly),
+                                            .compression = saved_.transferCompression,
+                                            .self = helloOf(saved_)},
                                  .directory = nodes_ / std::to_string(static_cast<std::uint32_t>(saved.id))};
   return std::make_unique<RunningImport>(loop_, std::move(options), std::move(events));
 }
@@ -319,8 +323,16 @@ void LocalService::importListNodeInterfaces(Control::ImportId id, Answer<Control
   answer(imports_.nodeInterfaces(id));
 }
 
-void LocalService::importEnableTransferCompression(bool /*enable*/, Answer<void> answer) {
-  answerNotSupported(answer, "transfer compression is");
+void LocalService::importEnableTransferCompression(bool enable, Answer<void> answer) {
+  if (ending_) return answer(std::unexpected(endingFailure()));
+  if (saved_.transferCompression == enable) return answer({});
+  saved_.transferCompression = enable;
+  if (auto stored = save(); !stored) {
+    saved_.transferCompression = !enable;
+    return answer(std::move(stored));
+  }
+  imports_.setCompression(enable);
+  answer({});
 }
 
 void LocalService::fetchRemoteExports(Control::Endpoint endpoint, std::optional<std::string> expression,

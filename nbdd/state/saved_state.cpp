@@ -24,7 +24,8 @@ using Json = nlohmann::json;
 using Failure = std::unexpected<std::string>;
 
 constexpr std::string_view formatName = "org.talvek.NBD.state";
-constexpr std::uint64_t formatVersion = 2;
+constexpr std::uint64_t formatVersion = 3;
+constexpr std::uint64_t versionWithoutCompression = 2;
 constexpr std::uint64_t versionWithoutImports = 1;
 
 /// What the next ID is when all were given.
@@ -33,6 +34,7 @@ constexpr std::uint64_t usedUp = std::uint64_t{std::numeric_limits<std::uint32_t
 constexpr std::array exportMembers{"id",   "name",      "node",     "readOnly",
                                    "uuid", "elemCount", "elemSize", "wanted"};
 constexpr std::array serverMembers{"uuid", "started"};
+constexpr std::array serverMembersWithCompression{"uuid", "started", "transferCompression"};
 constexpr std::array stateMembers{"format", "version", "server", "nextExportId", "exports"};
 constexpr std::array stateMembersWithImports{"format",  "version",      "server", "nextExportId",
                                              "exports", "nextImportId", "imports"};
@@ -225,6 +227,27 @@ std::expected<void, std::string> readExports(const Json& list, SavedState& state
   return {};
 }
 
+/// The oldest version that can say it.
+std::uint64_t versionFor(const SavedState& state) {
+  if (state.transferCompression) return formatVersion;
+  return state.nextImportId > 1 ? versionWithoutCompression : versionWithoutImports;
+}
+
+/// Reads "server". The newest version says that transfers are compressed; others would not be needed for it.
+std::expected<void, std::string> readServer(const Json& server, bool knowsCompression, SavedState& state) {
+  const bool membersFit = knowsCompression ? hasExactly(server, serverMembersWithCompression) &&
+                                                 server["transferCompression"] == true
+                                           : hasExactly(server, serverMembers);
+  if (!membersFit || !server["uuid"].is_string() || !server["started"].is_boolean() ||
+      !isUuid(server["uuid"].get_ref<const std::string&>())) {
+    return Failure("does not say the server's UUID and whether it was started");
+  }
+  state.serverUuid = server["uuid"].get_ref<const std::string&>();
+  state.serverStarted = server["started"].get<bool>();
+  state.transferCompression = knowsCompression;
+  return {};
+}
+
 }  // namespace
 
 std::string printState(const SavedState& state) {
@@ -234,13 +257,16 @@ std::string printState(const SavedState& state) {
   server.string(state.serverUuid);
   server.key("started");
   server.boolean(state.serverStarted);
+  if (state.transferCompression) {
+    server.key("transferCompression");
+    server.boolean(true);
+  }
   server.endObject();
-  const bool hadImports = state.nextImportId > 1;
+  const std::uint64_t version = versionFor(state);
   std::string text =
       fmt::format("{{\"format\":\"{}\",\"version\":{},\n\"server\":{},\n\"nextExportId\":{},\n\"exports\":{}",
-                  formatName, hadImports ? formatVersion : versionWithoutImports, server.take(),
-                  state.nextExportId, listOf(state.exports, exportLine));
-  if (hadImports) {
+                  formatName, version, server.take(), state.nextExportId, listOf(state.exports, exportLine));
+  if (version > versionWithoutImports) {
     text += fmt::format(",\n\"nextImportId\":{},\n\"imports\":{}", state.nextImportId,
                         listOf(state.imports, importLine));
   }
@@ -265,14 +291,10 @@ std::expected<SavedState, std::string> parseState(std::string_view text) {
   if (knowsImports ? !hasExactly(root, stateMembersWithImports) : !hasExactly(root, stateMembers)) {
     return Failure("has other members than a file of its version");
   }
-  const Json& server = root["server"];
-  if (!hasExactly(server, serverMembers) || !server["uuid"].is_string() || !server["started"].is_boolean() ||
-      !isUuid(server["uuid"].get_ref<const std::string&>())) {
-    return Failure("does not say the server's UUID and whether it was started");
-  }
   SavedState state;
-  state.serverUuid = server["uuid"].get_ref<const std::string&>();
-  state.serverStarted = server["started"].get<bool>();
+  if (auto read = readServer(root["server"], *version > versionWithoutCompression, state); !read) {
+    return Failure(std::move(read.error()));
+  }
   const std::optional<std::uint64_t> next = wholeNumber(root["nextExportId"]);
   if (!next || *next == 0 || *next > usedUp) return Failure("does not say the next export's ID");
   state.nextExportId = *next;

@@ -51,6 +51,8 @@ struct SavedState {
   /// The same for imports.
   std::uint64_t nextImportId = 1;
   std::vector<SavedImport> imports;
+  /// Whether the imports' transfers are to be compressed.
+  bool transferCompression = false;
 
   friend bool operator==(const SavedState&, const SavedState&) = default;
 };

@@ -26,11 +26,13 @@ class FakeRun final : public ImportRun {
     ImportStatus status;
     bool ending = false;
     bool destroyed = false;
+    std::optional<bool> compression = std::nullopt;
   };
   explicit FakeRun(std::shared_ptr<Handle> handle) : handle_(std::move(handle)) {}
   ~FakeRun() override { handle_->destroyed = true; }
   void end() override { handle_->ending = true; }
   ImportStatus status() const override { return handle_->status; }
+  void setCompression(bool enable) override { handle_->compression = enable; }
 
  private:
   std::shared_ptr<Handle> handle_;
@@ -94,6 +96,18 @@ class ImportRegistryTest : public ::testing::Test {
       [this](const SavedImport& import, ImportEvents events) { return start(import, std::move(events)); },
       [this] { return save(); }};
 };
+
+TEST_F(ImportRegistryTest, SwitchesTheCompressionOfAllThatRun) {
+  const ImportId one = enabled();
+  const ImportId other = enabled();
+  const ImportId idle = add();
+  registry.setCompression(true);
+  EXPECT_EQ(runs[one]->compression, true);
+  EXPECT_EQ(runs[other]->compression, true);
+  EXPECT_FALSE(runs.contains(idle));
+  registry.setCompression(false);
+  EXPECT_EQ(runs[other]->compression, false);
+}
 
 TEST_F(ImportRegistryTest, LeadsAnImportFromItsAdditionToItsRemoval) {
   const ImportId id = add();

@@ -96,6 +96,24 @@ TEST(SavedState, ImportsAreReadAndWrittenInTheSecondVersion) {
   EXPECT_EQ(parseState(printState(removed)).value(), removed);
 }
 
+TEST(SavedState, CompressionIsReadAndWrittenInTheThirdVersion) {
+  for (SavedState state : {sample(), sampleWithImports()}) {
+    state.transferCompression = true;
+    const std::string text = printState(state);
+    EXPECT_NE(text.find("\"version\":3,"), std::string::npos);
+    EXPECT_EQ(parseState(text).value(), state);
+    for (const auto& [before, after] : std::vector<std::pair<std::string, std::string>>{
+             {"\"version\":3", "\"version\":2"},
+             {"\"transferCompression\":true", "\"transferCompression\":false"},
+             {"\"transferCompression\":true", "\"transferCompression\":1"},
+             {",\"transferCompression\":true", ""}}) {
+      std::string other = text;
+      other.replace(other.find(before), before.size(), after);
+      EXPECT_FALSE(parseState(other).has_value()) << before << " -> " << after;
+    }
+  }
+}
+
 TEST(SavedState, NoImportThatDoesNotFitIsTaken) {
   const std::string whole = printState(sampleWithImports());
   const std::vector<std::pair<std::string, std::string>> changes{
@@ -134,7 +152,7 @@ TEST(SavedState, EveryTornTextIsRefused) {
 }
 
 TEST(SavedState, ANewerVersionIsToldFromDamage) {
-  const auto newer = parseState(changed("\"version\":1", "\"version\":3"));
+  const auto newer = parseState(changed("\"version\":1", "\"version\":4"));
   ASSERT_FALSE(newer.has_value());
   EXPECT_NE(newer.error().find("newer"), std::string::npos);
   const auto damaged = parseState(changed("\"version\":1", "\"version\":\"1\""));

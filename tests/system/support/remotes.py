@@ -80,7 +80,7 @@ class NbdServer(Remote):
         configuration, pid_file = self.directory / "nbd-server.conf", self.directory / "nbd-server.pid"
         pid_file.unlink(missing_ok=True)
         configuration.write_text(
-            f"[generic]\nlistenaddr = 127.0.0.1\nport = {self.port}\n"
+            f"[generic]\nlistenaddr = 127.0.0.1\nport = {self.port}\nallowlist = true\n"
             f"[{self.name}]\nexportname = {self.image}\nreadonly = {str(self.read_only).lower()}\n"
             "flush = true\nfua = true\ntrim = true\n"
         )
