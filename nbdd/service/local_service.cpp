@@ -192,7 +192,7 @@ void LocalService::serverGetNamedProperties(Answer<Control::Variant> answer) { a
 
 Server::Options LocalService::withExtension(Server::Options options) const {
   options.extension = helloOf(saved_);
-  options.extension->capabilities = Nbd::Extension::Capability::compression;
+  options.extension->capabilities |= Nbd::Extension::Capability::compression;
   return options;
 }
 
