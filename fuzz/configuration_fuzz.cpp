@@ -23,6 +23,16 @@ void checkMessage(const std::string& message) {
   }
 }
 
+/// A basic string of TOML.
+std::string quoted(const std::string& text) {
+  std::string result = "\"";
+  for (const char character : text) {
+    if (character == '"' || character == '\\') result += '\\';
+    result += character;
+  }
+  return result + "\"";
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -37,6 +47,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     again += again.ends_with("\",") ? "\"" + address + "\"," : "listen = [\"" + address + "\",";
   }
   if (!configuration->listen.empty()) again += "]\n";
+  again += "[discovery]\nenabled = " + std::string(configuration->discovery ? "true" : "false");
+  again += "\ntime-to-live = " + std::to_string(configuration->timeToLive.count()) + "\n";
+  if (!configuration->label.empty()) again += "label = " + quoted(configuration->label) + "\n";
+  for (const std::string& name : configuration->interfaces) {
+    again += again.ends_with("\",") ? "\"" + name + "\"," : "interfaces = [\"" + name + "\",";
+  }
+  if (!configuration->interfaces.empty()) again += "]\n";
   if (Nbdd::parseConfiguration(again, "file") != *configuration) std::abort();
   return 0;
 }

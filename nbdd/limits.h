@@ -228,4 +228,54 @@ inline constexpr std::chrono::seconds settleTime{5};
 inline constexpr int violationsInARow = 8;
 inline constexpr std::chrono::seconds shortLife{60};
 
+// Discovery: what anybody in the local network can make us hold or wait for.
+
+/// Announcements that are kept, each once for every link and protocol by which it is heard. Two hundred
+/// servers that are heard by IPv4 and IPv6 on two links take 800; what is sent beyond the bound is a flood.
+inline constexpr std::size_t discoverySightings = 4096;
+
+/// Strings of one TXT record that are read, and bytes of one value that are kept: a sensible record has ten
+/// short ones, and a screen has no place for more.
+inline constexpr std::size_t discoveryTextStrings = 64;
+inline constexpr std::size_t discoveryTextLength = 255;
+
+/// Interfaces that the configuration names.
+inline constexpr std::size_t discoveryInterfaces = 64;
+
+/// Records that the responder remembers for each interface and protocol: five for each of a thousand servers.
+inline constexpr unsigned int discoveryCache = 5120;
+
+/// Announcements on one interface and protocol that are followed up with questions. Each of them may make us
+/// ask for as long as its sender keeps it up.
+inline constexpr std::size_t discoveryFollowed = 1024;
+
+/// Names that the server takes one after the other because somebody has the one before: that many servers of
+/// one name there may be, and no more effort is owed to somebody who claims them all.
+inline constexpr int discoveryConflicts = 1000;
+
+/// How long the first search takes at most: whoever asked is waiting. Servers answer within 120 ms; the rest
+/// is for those whose answer was lost.
+inline constexpr std::chrono::milliseconds discoveryTime{1'900};
+
+/// Everybody is asked again when somebody looks at the view, but not more often than this.
+inline constexpr std::chrono::seconds discoveryAskAgain{5};
+
+/// How long the view is kept alive after anybody looked at it. It costs the network a question now and then.
+inline constexpr std::chrono::minutes discoveryInterest{10};
+
+/// How long records of this server's may be remembered by others: the bounds of the setting. Below two
+/// seconds nobody could ask again in time; a day is what DNS uses where nothing ever changes.
+inline constexpr std::chrono::seconds discoveryTimeToLiveLeast{2};
+inline constexpr std::chrono::seconds discoveryTimeToLiveMost{86'400};
+
+/// Pauses before a responder that has ended is started again: from the first to the longest, doubling.
+inline constexpr std::chrono::milliseconds discoveryRestartFirst{1'000};
+inline constexpr std::chrono::milliseconds discoveryRestartLongest{60'000};
+
+/// How long a responder that was asked to end may take for its goodbye.
+inline constexpr std::chrono::milliseconds discoveryGoodbye{2'000};
+
+/// One message between the service and its responder: a sighting with all its texts, each byte escaped.
+inline constexpr std::size_t discoveryMessage = std::size_t{64} * 1024;
+
 }  // namespace Nbdd::Limits

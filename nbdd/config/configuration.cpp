@@ -126,6 +126,87 @@ std::expected<void, std::string> readServer(const toml::table& table, std::strin
   return {};
 }
 
+bool isLabelCharacter(char character) { return character >= ' ' && character <= '~' && character != '?'; }
+
+std::expected<std::string, std::string> readLabel(const toml::node& node, std::string_view file) {
+  constexpr std::size_t longest = 63;  // DNS-SD has no longer names
+  const std::optional<std::string_view> text = node.value_exact<std::string_view>();
+  if (!text || text->empty() || text->size() > longest || !std::ranges::all_of(*text, isLabelCharacter)) {
+    return failAt(
+        file, node.source(),
+        "'label' must be a text of 1 to 63 ASCII characters, none of them a question mark: shorten or "
+        "rewrite it");
+  }
+  return std::string(*text);
+}
+
+std::expected<std::vector<std::string>, std::string> readInterfaces(const toml::node& node,
+                                                                    std::string_view file) {
+  constexpr std::size_t longest = 15;  // the kernel's bound on names of interfaces
+  const toml::array* const array = node.as_array();
+  if (array == nullptr || array->empty() || array->size() > Limits::discoveryInterfaces) {
+    return failAt(
+        file, node.source(),
+        fmt::format("'interfaces' must be an array of 1 to {} names: write interfaces = [\"eth0\"], or "
+                    "take the line out for all of them",
+                    Limits::discoveryInterfaces));
+  }
+  std::vector<std::string> names;
+  for (const toml::node& element : *array) {
+    const std::optional<std::string_view> text = element.value_exact<std::string_view>();
+    if (!text || text->empty() || text->size() > longest || !std::ranges::all_of(*text, isZoneCharacter)) {
+      return failAt(file, element.source(),
+                    "this is no name of a network interface: write one as `ip link` shows it");
+    }
+    names.emplace_back(*text);
+  }
+  return names;
+}
+
+std::expected<std::chrono::seconds, std::string> readTimeToLive(const toml::node& node,
+                                                                std::string_view file) {
+  const std::optional<std::int64_t> number = node.value_exact<std::int64_t>();
+  const std::chrono::seconds time(number.value_or(0));
+  if (time < Limits::discoveryTimeToLiveLeast || time > Limits::discoveryTimeToLiveMost) {
+    return failAt(
+        file, node.source(),
+        fmt::format("'time-to-live' must be a whole number of seconds from {} to {}: 120 is usual",
+                    Limits::discoveryTimeToLiveLeast.count(), Limits::discoveryTimeToLiveMost.count()));
+  }
+  return time;
+}
+
+std::expected<void, std::string> readDiscovery(const toml::table& table, std::string_view file,
+                                               Configuration& configuration) {
+  // Stores what was read, or passes on what is wrong with it.
+  const auto take = [](auto value, auto& setting) -> std::expected<void, std::string> {
+    if (!value) return Failure(std::move(value.error()));
+    setting = std::move(*value);
+    return {};
+  };
+  for (const auto& [key, node] : table) {
+    std::expected<void, std::string> taken;
+    if (key == "enabled") {
+      const std::optional<bool> enabled = node.value_exact<bool>();
+      if (!enabled) return failAt(file, node.source(), "'enabled' must be true or false, without quotes");
+      configuration.discovery = *enabled;
+    } else if (key == "label") {
+      taken = take(readLabel(node, file), configuration.label);
+    } else if (key == "interfaces") {
+      taken = take(readInterfaces(node, file), configuration.interfaces);
+    } else if (key == "time-to-live") {
+      taken = take(readTimeToLive(node, file), configuration.timeToLive);
+    } else {
+      return failAt(file, key.source(),
+                    fmt::format("there is no setting '{}' in [discovery]: take it out, or write 'enabled', "
+                                "'label', 'interfaces' or 'time-to-live'",
+                                escaped(key.str())));
+    }
+    if (!taken) return taken;
+  }
+  return {};
+}
+
 /// `text` with a question mark for each character beyond ASCII. The library's tables of such characters run
 /// into unreachable code for some of them. They matter nowhere but in comments: no key and no value of ours
 /// has any, so a question mark there is as wrong as the character was.
@@ -178,17 +259,22 @@ std::expected<Configuration, std::string> parseConfiguration(std::string_view te
   }
   Configuration configuration;
   for (const auto& [key, node] : parsed.table()) {
-    if (key != "server") {
+    const bool server = key == "server";
+    if (!server && key != "discovery") {
+      return failAt(file, key.source(),
+                    fmt::format("there is no section or setting '{}': take it out, or put settings in "
+                                "[server] or [discovery]",
+                                escaped(key.str())));
+    }
+    const toml::table* const section = node.as_table();
+    if (section == nullptr) {
       return failAt(
-          file, key.source(),
-          fmt::format("there is no section or setting '{}': take it out, or put settings in [server]",
-                      escaped(key.str())));
+          file, node.source(),
+          fmt::format("'{}' must be a section: write [{}] above its settings", key.str(), key.str()));
     }
-    const toml::table* const server = node.as_table();
-    if (server == nullptr) {
-      return failAt(file, node.source(), "'server' must be a section: write [server] above its settings");
-    }
-    if (auto read = readServer(*server, file, configuration); !read) return Failure(std::move(read.error()));
+    auto read =
+        server ? readServer(*section, file, configuration) : readDiscovery(*section, file, configuration);
+    if (!read) return Failure(std::move(read.error()));
   }
   return configuration;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <expected>
 #include <filesystem>
@@ -20,6 +21,15 @@ struct Configuration {
   std::vector<std::string> listen;
   /// TCP port; 0 takes any free one.
   std::uint16_t port = nbdPort;
+
+  /// Whether servers are found in the local network, and this one is announced there.
+  bool discovery = true;
+  /// The name under which this one is announced. Empty: the host's name.
+  std::string label{};
+  /// Names of the network interfaces on which that happens. Empty: all that do multicast.
+  std::vector<std::string> interfaces{};
+  /// How long others may remember the announcement without having heard it again.
+  std::chrono::seconds timeToLive{120};
 
   friend bool operator==(const Configuration&, const Configuration&) = default;
 };

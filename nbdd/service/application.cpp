@@ -15,6 +15,7 @@
 
 #include "nbdd/limits.h"
 #include "nbdd/log/log.h"
+#include "nbdd/service/server_properties.h"
 #include "talvek_version.h"
 
 namespace Nbdd {
@@ -27,6 +28,15 @@ Control::Identity identity() {
 
 ListenConfiguration listening(const Configuration& configuration) {
   return {.addresses = configuration.listen, .port = configuration.port};
+}
+
+Discovery::Options discovery(const Configuration& configuration) {
+  return {.enabled = configuration.discovery,
+          .hostName = hostFacts().hostName,
+          .label = configuration.label,
+          .interfaces = configuration.interfaces,
+          .timeToLive = configuration.timeToLive,
+          .program = "/proc/self/exe"};
 }
 
 StartUp<Configuration> readConfiguration(const Locations& locations) {
@@ -74,7 +84,7 @@ StartUp<void> Application::start() {
 
   service_ = std::make_unique<LocalService>(loop_, store_, std::move(*state),
                                             locations_.runtimeDirectory / "imports",
-                                            listening(configuration_), *storage);
+                                            listening(configuration_), *storage, discovery(configuration_));
   service_->restore();
   control_ =
       std::make_unique<ControlServer>(loop_, *service_, identity(), std::move(*listener),
@@ -158,7 +168,7 @@ void Application::reload() {
   } else {
     configuration_ = std::move(*configuration);
     log(LogLevel::notice, "reloaded",
-        "the configuration was read again: new addresses and ports hold from the next start of nbdd on");
+        "the configuration was read again: what has changed holds from the next start of nbdd on");
   }
   supervisor_.ready(service_->summary());
 }

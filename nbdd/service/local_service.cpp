@@ -51,7 +51,7 @@ Failure endingFailure() { return {FailureCode::serviceStopping, "the service is 
 
 LocalService::LocalService(Io::EventLoop& loop, StateStore& store, SavedState state,
                            std::filesystem::path nodes, ListenConfiguration listening,
-                           Server::Options serverOptions)
+                           Server::Options serverOptions, Discovery::Options discovery)
     : loop_(loop),
       store_(store),
       saved_(std::move(state)),
@@ -69,7 +69,8 @@ LocalService::LocalService(Io::EventLoop& loop, StateStore& store, SavedState st
       imports_([this](const SavedImport& saved,
                       ImportEvents events) { return startImport(saved, std::move(events)); },
                [this] { return save(); }),
-      listings_(loop, helloOf(saved_)) {}
+      listings_(loop, helloOf(saved_)),
+      discovery_(loop, std::move(discovery), saved_.serverUuid) {}
 
 LocalService::~LocalService() = default;
 
@@ -88,6 +89,7 @@ void LocalService::listenAgain() {
     return;
   }
   log(LogLevel::info, "server-started", "the server listens on port {}", server_.port());
+  discovery_.announce(server_.addresses());
 }
 
 Control::Result<void> LocalService::save() {
@@ -119,11 +121,16 @@ void LocalService::close(Io::Function done) {
     listingsClosed_ = true;
     endIfClosed();
   });
+  discovery_.close([this] {
+    discoveryClosed_ = true;
+    endIfClosed();
+  });
 }
 
 void LocalService::closeServer() {
   closing_ = true;
   if (server_.listening()) log(LogLevel::info, "server-stopping", "the server stops");
+  discovery_.withdraw();
   server_.close([this] { serverClosed(); });
 }
 
@@ -157,6 +164,7 @@ Control::Result<std::vector<Control::NetIfFirewallState>> LocalService::start() 
     retry_.cancel();
     retryDelay_ = Limits::listenRetryFirst;
     log(LogLevel::info, "server-started", "the server listens on port {}", server_.port());
+    discovery_.announce(server_.addresses());
   }
   return server_.endpoints();
 }
@@ -180,7 +188,8 @@ void LocalService::serverClosed() {
 }
 
 void LocalService::endIfClosed() {
-  if (ended_ && !closing_ && importsClosed_ && listingsClosed_) std::exchange(ended_, {})();
+  const bool closed = importsClosed_ && listingsClosed_ && discoveryClosed_;
+  if (ended_ && !closing_ && closed) std::exchange(ended_, {})();
 }
 
 void LocalService::serverCapabilities(Answer<Control::Flags<Control::ServerCapability>> answer) {
@@ -218,7 +227,8 @@ ServerActivity LocalService::activity() const {
 }
 
 void LocalService::serverDiscover(Answer<std::vector<Control::RemoteServerDescriptor>> answer) {
-  answerNotSupported(answer, "discovery is");
+  if (ending_) return answer(std::unexpected(endingFailure()));
+  discovery_.discover(std::move(answer));
 }
 
 void LocalService::serverEnableReservation(std::optional<std::string> /*password*/, Answer<void> answer) {

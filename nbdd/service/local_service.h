@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "control/interface.h"
+#include "nbdd/discovery/discovery.h"
 #include "nbdd/exports/registry.h"
 #include "nbdd/imports/import_registry.h"
 #include "nbdd/io/event_loop.h"
@@ -29,7 +30,8 @@ class LocalService final : public Control::Service {
   /// Throws std::system_error if the system refuses the threads (start-up only).
   /// `nodes`: the directory for the nodes of imports; made when it is needed.
   LocalService(Io::EventLoop& loop, StateStore& store, SavedState state, std::filesystem::path nodes,
-               ListenConfiguration listening, Server::Options serverOptions = {});
+               ListenConfiguration listening, Server::Options serverOptions = {},
+               Discovery::Options discovery = {});
   ~LocalService() override;
   LocalService(const LocalService&) = delete;
   LocalService& operator=(const LocalService&) = delete;
@@ -127,6 +129,7 @@ class LocalService final : public Control::Service {
   std::vector<Control::Answer<std::vector<Control::NetIfFirewallState>>> startAnswers_;
   bool importsClosed_ = false;
   bool listingsClosed_ = false;
+  bool discoveryClosed_ = false;
   Io::Function ended_;
 
   std::chrono::milliseconds retryDelay_;
@@ -137,6 +140,7 @@ class LocalService final : public Control::Service {
   ExportRegistry registry_;
   ImportRegistry imports_;
   Remote::Listings listings_;
+  Discovery::Discovery discovery_;
 };
 
 }  // namespace Nbdd

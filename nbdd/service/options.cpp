@@ -14,6 +14,7 @@ std::variant<Options, ExitCode> parseOptions(int count, const char* const* words
                                              std::ostream& err) {
   Options options;
   int readyDescriptor = -1;
+  int responderDescriptor = -1;
   std::string configuration;
   CLI::App app(
       "Local NBD service: publishes files and block devices as NBD exports. Driven by nbdctl, or by any "
@@ -30,6 +31,10 @@ std::variant<Options, ExitCode> parseOptions(int count, const char* const* words
       app.add_option("--ready-fd", readyDescriptor, "Write one byte to this descriptor when ready")
           ->type_name("N")
           ->check(CLI::Range(3, 1'000'000));
+  // For nbdd alone, so help does not show it.
+  CLI::Option* const responder = app.add_option("--discovery-responder", responderDescriptor)
+                                     ->group("")
+                                     ->check(CLI::Range(3, 1'000'000));
   try {
     app.parse(count, words);
   } catch (const CLI::Success& done) {
@@ -40,6 +45,7 @@ std::variant<Options, ExitCode> parseOptions(int count, const char* const* words
     return ExitCode::usage;
   }
   if (ready->count() > 0) options.readyDescriptor = readyDescriptor;
+  if (responder->count() > 0) options.responderDescriptor = responderDescriptor;
   if (app.get_option("--config")->count() > 0) {
     if (configuration.empty()) {
       err << "nbdd: --config needs the name of a file: see nbdd --help\n";

@@ -16,6 +16,8 @@ struct Options {
   std::optional<int> readyDescriptor;
   std::optional<std::string> configuration;
   bool checkConfiguration = false;
+  /// Run as the responder of another nbdd, which is at the other end of this socket.
+  std::optional<int> responderDescriptor;
 };
 
 /// Reads the command line. An exit code means that all is said and done: help and version were printed to

@@ -42,6 +42,33 @@ TEST(Configuration, EverySettingIsRead) {
   EXPECT_EQ(configuration->port, 0);
 }
 
+TEST(Configuration, SettingsOfDiscoveryAreRead) {
+  const auto configuration = parseConfiguration(
+      "[discovery]\nenabled = false\nlabel = \"Shelf 4\"\ninterfaces = [\"eth0\", \"wlan0.1\"]\ntime-to-live "
+      "= 2\n",
+      "nbdd.toml");
+  ASSERT_TRUE(configuration.has_value()) << configuration.error();
+  EXPECT_FALSE(configuration->discovery);
+  EXPECT_EQ(configuration->label, "Shelf 4");
+  EXPECT_EQ(configuration->interfaces, (std::vector<std::string>{"eth0", "wlan0.1"}));
+  EXPECT_EQ(configuration->timeToLive.count(), 2);
+  EXPECT_TRUE(parseConfiguration("", "nbdd.toml")->discovery);
+  EXPECT_EQ(parseConfiguration("", "nbdd.toml")->timeToLive.count(), 120);
+}
+
+TEST(Configuration, MistakesInSettingsOfDiscoveryAreTold) {
+  EXPECT_NE(errorOf("discovery = true\n"), "");
+  for (const std::string wrong :
+       {"enabled = 1", "enabled = \"true\"", "label = \"\"", "label = 1", "label = \"\u00e4\"",
+        "label = \"a?\"", "interfaces = \"eth0\"", "interfaces = []", "interfaces = [1]",
+        "interfaces = [\"a b\"]", "interfaces = [\"sixteen-letters-\"]", "time-to-live = 1",
+        "time-to-live = 86401", "time-to-live = -1", "time-to-live = 2.0", "ttl = 2"}) {
+    EXPECT_TRUE(errorOf("[discovery]\n" + wrong + "\n").starts_with("nbdd.toml:2:")) << wrong;
+  }
+  EXPECT_NE(errorOf("[discovery]\nlabel = \"" + std::string(64, 'x') + "\"\n"), "");
+  EXPECT_EQ(errorOf("[discovery]\nlabel = \"" + std::string(63, 'x') + "\"\n"), "");
+}
+
 TEST(Configuration, WhatIsNotTomlIsToldWithoutDoubledBackslashes) {
   const std::string error = errorOf("x\n");
   EXPECT_NE(error.find("saw '\\n'"), std::string::npos) << error;

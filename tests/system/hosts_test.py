@@ -7,6 +7,7 @@ from pathlib import Path
 
 from support import processes
 from support.hosts import Network
+from support.service import Service
 
 LISTEN = """
 import socket, sys
@@ -80,6 +81,19 @@ class HostsTest(unittest.TestCase):
         self.doCleanups()
         for holder in holders:
             self.assertFalse(Path(f"/proc/{holder.pid}").exists())
+
+    def test_a_service_runs_in_a_host(self):
+        network = Network(self)
+        alpha, beta = network.host("alpha"), network.host("beta")
+        service = Service(self, host=alpha).start().start_server()
+        self.assertEqual(service.port, 10809)
+        self.assertEqual(service.properties()["host name"]["text"], "alpha")
+        self.assertIn("alpha", service.nbdctl("props"))
+        image = service.images / "disk"
+        image.write_bytes(bytes(1 << 20))
+        _, name = service.publish(image)
+        uri = f"nbd://{alpha.address}/{name}"
+        self.assertEqual(beta.run([processes.tool("nbdinfo"), "--size", uri]).out.strip(), str(1 << 20))
 
 
 if __name__ == "__main__":
