@@ -4,6 +4,8 @@ a delay of its own, and none that whoever asks has said he knows.
 
     announce.py INTERFACE-ADDRESS PORT NAME=ADDRESS…
 
+An address that the host does not have is announced from INTERFACE-ADDRESS: a server that is gone.
+
 Answers until it is killed; says "ready" on standard output when it listens.
 """
 
@@ -62,7 +64,7 @@ def read_query(packet):
 
 
 class Server:
-    def __init__(self, name, address, port):
+    def __init__(self, name, address, port, interface):
         self.instance = (name.encode(), *SERVICE)
         self.host = (b"host-" + name.encode(), b"local")
         text = [b"uuid=00000000-0000-4000-8000-%012x" % int.from_bytes(socket.inet_aton(address)), b"label=" + name.encode()]
@@ -74,7 +76,10 @@ class Server:
         self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
         self.socket.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_TTL, 255)
         self.socket.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_LOOP, 0)
-        self.socket.bind((address, 5353))
+        try:
+            self.socket.bind((address, 5353))
+        except OSError:
+            self.socket.bind((interface, 5353))
 
     def answers(self, questions, known):
         """The records that answer, those that will be asked for next behind them."""
@@ -94,7 +99,7 @@ class Server:
 
 def main():
     interface, port, *named = sys.argv[1:]
-    servers = [Server(*each.split("="), int(port)) for each in named]
+    servers = [Server(*each.split("="), int(port), interface) for each in named]
     by_name = {}
     for server in servers:
         by_name[server.instance] = by_name[server.host] = server

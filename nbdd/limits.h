@@ -195,6 +195,16 @@ inline constexpr std::chrono::seconds searchTime{2};
 /// network has found, and each takes a socket and some memory, for as long as dialTime.
 inline constexpr std::size_t remoteListings = 256;
 
+/// Servers that are asked at the same time about an expression, before anybody has asked for their answers,
+/// and how long those answers are kept: whoever asks one server after the other asks the next at once.
+inline constexpr std::size_t searchAtOnce = 128;
+inline constexpr std::chrono::seconds searchKept{10};
+
+/// How long one of the servers of a search may take in all, and until it takes the connection: a search tells
+/// who does not answer, and does not wait for him as an operator would who wants just that server.
+inline constexpr std::chrono::milliseconds searchAnswerTime{3'000};
+inline constexpr std::chrono::milliseconds searchConnectTime{1'500};
+
 /// Names of hosts that are looked up at the same time. Each takes a thread, for as long as the resolver
 /// takes.
 inline constexpr int nameLookups = 16;

@@ -85,6 +85,13 @@ void Discovery::answerFromView(Control::Answer<std::vector<Control::RemoteServer
   fulfil();
 }
 
+std::vector<Control::Endpoint> Discovery::endpoints() const {
+  std::vector<Control::Endpoint> endpoints;
+  for (Control::RemoteServerDescriptor& server : found_.list(uuid_))
+    endpoints.push_back(std::move(server.endpoint));
+  return endpoints;
+}
+
 void Discovery::close(Io::Function done) {
   closing_ = true;
   closed_ = std::move(done);

@@ -47,6 +47,9 @@ class Discovery {
   /// answer, and after Limits::discoveryTime at the latest.
   void discover(Control::Answer<std::vector<Control::RemoteServerDescriptor>> answer);
 
+  /// Where the servers in view are reached; none while nobody has looked for them.
+  std::vector<Control::Endpoint> endpoints() const;
+
   /// Says goodbye; calls `done` when that is done, never inside this call.
   void close(Io::Function done);
 

@@ -70,6 +70,13 @@ LocalService::LocalService(Io::EventLoop& loop, StateStore& store, SavedState st
                       ImportEvents events) { return startImport(saved, std::move(events)); },
                [this] { return save(); }),
       listings_(loop, helloOf(saved_)),
+      searches_(loop, helloOf(saved_),
+                {.whole = Limits::searchAnswerTime, .address = Limits::searchConnectTime}),
+      search_(loop,
+              [this](const Control::Endpoint& endpoint, Remote::Search::Expression expression,
+                     Remote::Search::Answer answer) {
+                searches_.fetch(placeOf(endpoint), std::move(expression), std::move(answer));
+              }),
       discovery_(loop, std::move(discovery), saved_.serverUuid) {}
 
 LocalService::~LocalService() = default;
@@ -119,6 +126,10 @@ void LocalService::close(Io::Function done) {
   });
   listings_.close([this] {
     listingsClosed_ = true;
+    endIfClosed();
+  });
+  searches_.close([this] {
+    searchesClosed_ = true;
     endIfClosed();
   });
   discovery_.close([this] {
@@ -188,7 +199,7 @@ void LocalService::serverClosed() {
 }
 
 void LocalService::endIfClosed() {
-  const bool closed = importsClosed_ && listingsClosed_ && discoveryClosed_;
+  const bool closed = importsClosed_ && listingsClosed_ && searchesClosed_ && discoveryClosed_;
   if (ended_ && !closing_ && closed) std::exchange(ended_, {})();
 }
 
@@ -352,6 +363,7 @@ void LocalService::fetchRemoteExports(Control::Endpoint endpoint, std::optional<
     const auto compiled = DiskSpec::compile(*expression);
     if (!compiled) return answer(std::unexpected(invalidExpression(compiled.error())));
     encoded = DiskSpec::encode(*compiled);
+    if (search_.fetch(endpoint, *encoded, discovery_.endpoints(), answer)) return;
   }
   listings_.fetch(placeOf(endpoint), std::move(encoded), std::move(answer));
 }

@@ -13,6 +13,7 @@
 #include "nbdd/imports/import_registry.h"
 #include "nbdd/io/event_loop.h"
 #include "nbdd/remote/listings.h"
+#include "nbdd/remote/search.h"
 #include "nbdd/server/server.h"
 #include "nbdd/service/server_properties.h"
 #include "nbdd/state/state_store.h"
@@ -129,6 +130,7 @@ class LocalService final : public Control::Service {
   std::vector<Control::Answer<std::vector<Control::NetIfFirewallState>>> startAnswers_;
   bool importsClosed_ = false;
   bool listingsClosed_ = false;
+  bool searchesClosed_ = false;
   bool discoveryClosed_ = false;
   Io::Function ended_;
 
@@ -140,6 +142,8 @@ class LocalService final : public Control::Service {
   ExportRegistry registry_;
   ImportRegistry imports_;
   Remote::Listings listings_;
+  Remote::Listings searches_;  // of many servers, with less patience for each
+  Remote::Search search_;
   Discovery::Discovery discovery_;
 };
 

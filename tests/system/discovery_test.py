@@ -270,6 +270,33 @@ class StockResponders(Discovering, unittest.TestCase):
         self.assertNotIn("alpha-2", avahi.log_text())
 
 
+class Searches(Discovering, unittest.TestCase):
+
+    def test_an_expression_goes_to_every_server(self):
+        hosts = [self.network.host(name) for name in ("alpha", "beta", "gamma", "delta")]
+        services = [self.server(host) for host in hosts]
+        for service, names in zip(services[1:], (("small", "large"), ("large-too",), ("large-3",))):
+            for each in names:
+                image = service.images / each
+                image.write_bytes(b"")
+                os.truncate(image, (1 << 20) if each == "small" else (1 << 30))
+                service.publish(image)
+        self.await_labels(services[0], "beta", "gamma", "delta")
+        # Gone without a word, so it is still in view, between the other two.
+        hosts[3].plugs[0].pull()
+        out = services[0].nbdctl("diskspec", '"size >= 10M"')
+        blocks = out.split("Sending DiskSpec to servers...\n")[1].split("\n\n")
+        self.assertEqual(blocks[0], f"  Server 1: {hosts[1].address}:10809\n    1: large")
+        self.assertRegex(blocks[1], rf"  Server 2: {hosts[3].address}:10809\n    Error: (80|82)$")
+        self.assertEqual(blocks[2], f"  Server 3: {hosts[2].address}:10809\n    1: large-too\n")
+        # What was answered is not answered again.
+        image = services[1].images / "later"
+        image.write_bytes(b"")
+        os.truncate(image, 1 << 30)
+        services[1].publish(image)
+        self.assertIn("    2: later\n", services[0].nbdctl("diskspec", '"size >= 10M"'))
+
+
 def name(*labels):
     return b"".join(bytes([len(label)]) + label for label in labels) + b"\0"
 
