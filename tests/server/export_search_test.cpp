@@ -63,6 +63,8 @@ TEST(ExportSearch, KnowsWhatClientsHaveTransferred) {
   EXPECT_EQ(facts.bytesread, 1024U);
   EXPECT_EQ(facts.age, 120U);
   EXPECT_FALSE(facts.compressed);
+  subject->counters->addSent({.transfers = 1, .bytes = 512, .bytesTransferred = 100, .compressed = 1});
+  EXPECT_TRUE(factsOf(*subject, 0, {}).compressed);
 }
 
 TEST(ExportSearch, KnowsThatTheStorageFailed) {
