@@ -199,5 +199,98 @@ class Utility(unittest.TestCase):
                 )
 
 
+class SeveralHosts(unittest.TestCase):
+    """nbdctl, byte for byte, in a network of servers with different exports."""
+
+    def setUp(self):
+        network = Network(self)
+        self.hosts = {name: network.host(name) for name in ("alpha", "beta", "gamma", "delta")}
+        self.services = {name: Service(self, host=host).start() for name, host in self.hosts.items()}
+        self.here = self.services["alpha"]
+        beta, gamma = self.services["beta"], self.services["gamma"]
+        for number in range(3):
+            beta.publish(make_image(beta, f"vol{number}.img", (number + 1) * 64 * KIB))
+        gamma.publish(make_image(gamma, "vol7.img", 1024 * KIB))
+        gamma.publish(make_image(gamma, "vol8.img", 1024 * KIB), read_only=True)
+        for name in ("beta", "gamma", "delta"):
+            self.services[name].start_server()
+        self.await_servers("beta", "delta", "gamma")
+
+    def await_servers(self, *names):
+        def found():
+            with self.here.control() as control:
+                return [server["label"] for server in control.ServerDiscover()["servers"]] == list(names)
+
+        processes.wait_until(found, f"{names} to be found")
+
+    def server(self, number, name):
+        return f"  Server {number}: {self.hosts[name].address}:10809"
+
+    def head(self, expression, names):
+        servers = "\n\n".join(
+            f"{self.server(number, name)}\n    Property: name\n    -> value: {name}"
+            for number, name in enumerate(names, 1)
+        )
+        return (
+            f"Discovering exports via DiskSpec: {expression}\n"
+            "Compiling expression... OK!\n"
+            "Discovering servers... OK!\n"
+            f"\nRemote servers: {len(names)}\n{servers}\n"
+            "\nSending DiskSpec to servers...\n"
+        )
+
+    def test_diskspec(self):
+        expression = "size >= 128K and name ~ vol* and not readonly"
+        self.assertEqual(
+            self.here.nbdctl("diskspec", f'"{expression}"'),
+            self.head(expression, ("beta", "delta", "gamma"))
+            + f"{self.server(1, 'beta')}\n    1: vol1.img\n    2: vol2.img\n\n"
+            + f"{self.server(2, 'delta')}\n    <no matches>\n\n"
+            + f"{self.server(3, 'gamma')}\n    1: vol7.img\n",
+        )
+
+    def test_a_host_that_does_not_answer_is_reported_in_its_place(self):
+        self.hosts["delta"].plugs[0].pull()
+        printed = self.here.nbdctl("diskspec", "readonly")
+        head = self.head("readonly", ("beta", "delta", "gamma")) + f"{self.server(1, 'beta')}\n    <no matches>\n\n"
+        self.assertTrue(printed.startswith(head), printed)
+        self.assertRegex(
+            printed[len(head) :],
+            f"^{self.server(2, 'delta')}\n    Error: (80|82)\n\n{self.server(3, 'gamma')}\n    1: vol8.img\n$",
+        )
+
+    def test_without_servers(self):
+        for name in ("beta", "gamma", "delta"):
+            with self.services[name].control() as control:
+                control.ServerStop()
+        self.await_servers()
+        self.assertEqual(
+            self.here.nbdctl("diskspec", "true"),
+            "Discovering exports via DiskSpec: true\nCompiling expression... OK!\n"
+            "Discovering servers... OK!\nNo servers available!\n",
+        )
+        self.assertEqual(self.here.nbdctl("discover"), "Discovering remote servers... OK!\nRemote servers: 0\n")
+
+    def test_discover(self):
+        with self.here.control() as control:
+            servers = control.ServerDiscover()["servers"]
+        blocks = []
+        for number, server in enumerate(servers, 1):
+            lines = [f"{self.server(number, server['label'])} ({server['label']})"]
+            for entry in server["properties"]:
+                lines.append(f"    Property: {entry['name']}")
+                if "nested" not in entry:
+                    lines.append(f"    -> value: {entry['text']}")
+                    continue
+                lines.append("    -> value: <nested>")
+                for child in entry["nested"]:
+                    lines += [" " * 22 + f"Property: {child['name']}", " " * 22 + f"-> value: {child['text']}"]
+            blocks.append("".join(f"{line}\n" for line in lines))
+        self.assertEqual(
+            self.here.nbdctl("discover"),
+            "Discovering remote servers... OK!\nRemote servers: 3\n" + "\n".join(blocks),
+        )
+
+
 if __name__ == "__main__":
     unittest.main()
