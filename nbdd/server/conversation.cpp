@@ -114,9 +114,11 @@ std::unique_ptr<Answer> Conversation::answer(Kind kind, Nbd::Bytes body) {
     case Kind::hello:
       return hello(body);
     case Kind::properties:
-      return body.empty() ? properties() : malformed();
+      if (!body.empty()) return malformed();
+      return properties();
     case Kind::exports:
-      return body.empty() ? exports() : malformed();
+      if (!body.empty()) return malformed();
+      return exports();
     case Kind::evaluate:
       return evaluate(body);
     case Kind::compression:
