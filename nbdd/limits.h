@@ -177,6 +177,17 @@ inline constexpr std::size_t imports = 1024;
 /// connections.
 inline constexpr std::size_t nodeClients = 256;
 
+/// Threads that serve the file of one import. Each has a connection of its own to the server; beyond a few
+/// they only wait for each other in the kernel.
+inline constexpr std::size_t fileThreads = 4;
+
+/// Requests that the kernel may have under way for readers ahead and asynchronous programs of one file.
+inline constexpr unsigned fileRequests = 256;
+
+/// Bytes that the kernel reads ahead of a sequential reader of a file; servers that are far away need more
+/// than its usual 128 KiB.
+inline constexpr unsigned fileReadAhead = 4U << 20;
+
 /// The pause after a connection could not be accepted for want of something.
 inline constexpr std::chrono::milliseconds acceptRetry{100};
 

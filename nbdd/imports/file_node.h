@@ -1,16 +1,16 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <cstddef>
-#include <cstdint>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
+#include "nbdd/imports/file_lane.h"
+#include "nbdd/imports/file_worker.h"
+#include "nbdd/imports/fuse_mount.h"
 #include "nbdd/imports/node_interface.h"
-#include "nbdd/io/buffer.h"
-#include "nbdd/io/scope.h"
 #include "nbdd/io/signal.h"
 
 namespace Nbdd {
@@ -20,7 +20,6 @@ namespace Nbdd {
 class FileNode final : public NodeInterface {
  public:
   explicit FileNode(NodeContext context);
-  ~FileNode() override;
 
   static std::optional<std::string> missing();
   static std::unique_ptr<NodeInterface> make(const NodeContext& context) {
@@ -33,8 +32,16 @@ class FileNode final : public NodeInterface {
   std::size_t users() const override;
 
  private:
-  class Session;
-  std::unique_ptr<Session> session_;
+  void openLanes();
+
+  NodeContext context_;
+  FileUsers users_;
+  FuseMount mount_;
+  FileWorker worker_;  // on the import's loop
+  std::vector<std::unique_ptr<FileLane>> lanes_;
+  std::size_t running_ = 0;  // of them
+  Io::Signal laneEnded_;
+  bool closed_ = false;
 };
 
 }  // namespace Nbdd

@@ -45,7 +45,19 @@ Device::Device(Io::EventLoop& loop, Options options, Events events)
     : loop_(loop),
       options_(std::move(options)),
       events_(std::move(events)),
-      compression_(options_.compression) {}
+      geometry_(options_.geometry),
+      compression_(options_.compression),
+      needsSeveral_(geometry_.has_value()) {}
+
+Device::Options Device::forAnother() const {
+  Options options = options_;
+  options.connections = 1;
+  options.geometry = geometry_;
+  options.compression = compression_;
+  return options;
+}
+
+bool Device::allowsSeveral() const { return (geometry_->limits.transmissionFlags & Flag::canMultiConn) != 0; }
 
 void Device::start() {
   links_.emplace_back(loop_);
@@ -53,8 +65,7 @@ void Device::start() {
 }
 
 void Device::connectMore() {
-  const bool several = (geometry_->limits.transmissionFlags & Flag::canMultiConn) != 0;
-  while (several && links_.size() < options_.connections) {
+  while (allowsSeveral() && links_.size() < options_.connections) {
     links_.emplace_back(loop_);
     scope_.spawn(keepConnected(links_.size() - 1));
   }
@@ -136,13 +147,10 @@ void Device::ended(Link& link, Connection& connection, const Connection::Ending&
   if (ending.kind == Connection::Ending::Kind::violation && ++violations_ >= Limits::violationsInARow) {
     return giveUp(ending.reason);
   }
-  if (link.again) {
-    distribute();
-  } else if (live_.empty()) {
+  if (!link.again && live_.empty()) {
     events_.waiting(failure(FailureCode::connectionFailed, ending.reason));
-  } else {
-    distribute();
   }
+  distribute();
 }
 
 Io::Task<void> Device::pause(std::chrono::milliseconds time, Io::Signal& wake) {
@@ -185,7 +193,7 @@ std::optional<Failure> Device::refusal(const ClientHandshake::Agreement& agreeme
                        is.maximumPayload, was.minimumBlock, was.maximumPayload);
   } else if (was.headers == Nbd::HeaderStyle::extended && is.headers != was.headers) {
     what = "the server takes no requests of the same lengths any more";
-  } else if (links_.size() > 1 && (is.transmissionFlags & Flag::canMultiConn) == 0) {
+  } else if ((links_.size() > 1 || needsSeveral_) && (is.transmissionFlags & Flag::canMultiConn) == 0) {
     what = "the server does not promise any more that several connections see the same";
   } else {
     return std::nullopt;
@@ -227,10 +235,15 @@ void Device::distribute() {
       if (candidate->hasRoom() && (best == nullptr || candidate->inFlight() < best->inFlight()))
         best = candidate;
     }
-    if (best == nullptr) return;
+    if (best == nullptr) break;
     best->submit(*waiting_.front());
     waiting_.pop_front();
   }
+  if (live_.empty() && events_.takeOver) handOver();
+}
+
+void Device::handOver() {
+  for (Request* const request : std::exchange(waiting_, {})) events_.takeOver(*request);
 }
 
 void Device::fail(Request& request, Nbd::Error error) {
@@ -252,6 +265,7 @@ void Device::failAll() {
 }
 
 void Device::giveUp(const std::string& reason) {
+  if (events_.takeOver) handOver();
   stop();
   events_.failed(failure(FailureCode::remoteProtocolError, reason));
 }

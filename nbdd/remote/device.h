@@ -33,6 +33,12 @@ namespace Nbdd::Remote {
 /// safe. One loop's thread.
 class Device {
  public:
+  /// What an export was when it was first seen.
+  struct Geometry {
+    Nbd::ExportLimits limits;
+    std::uint32_t preferredBlock = 0;
+  };
+
   struct Options {
     Place server;
     std::string exportName;
@@ -43,6 +49,7 @@ class Device {
     Dialler::Patience patience = Dialler::usualPatience();
     Backoff::Pauses pauses = {};
     std::chrono::milliseconds settleTime = Limits::settleTime;
+    std::optional<Geometry> geometry = {};  ///< of an export that is known already: that or none
   };
 
   /// What users of the device have to know, on the loop's thread. None of them may destroy the device.
@@ -55,6 +62,8 @@ class Device {
     std::function<void(const Control::Failure&)> failed;
     /// connections() is another number.
     std::function<void()> changed = [] {};
+    /// If set: takes requests over while there is no connection, instead of keeping them waiting.
+    std::function<void(Request&)> takeOver = {};
   };
 
   Device(Io::EventLoop& loop, Options options, Events events);
@@ -63,6 +72,10 @@ class Device {
 
   /// Begins to connect.
   void start();
+
+  /// Options for another device of the same export, on another loop, with one connection of its own. Only of
+  /// an export that several connections see the same.
+  Options forAnother() const;
 
   /// What the export is, and the limits of requests; known from the first `connected` on, and from then on
   /// the same.
@@ -74,6 +87,8 @@ class Device {
   }
   std::uint32_t preferredBlock() const { return geometry_->preferredBlock; }
   bool hasGeometry() const { return geometry_.has_value(); }
+  /// Whether the server promises that several connections see the same.
+  bool allowsSeveral() const;
   std::size_t connections() const { return live_.size(); }
 
   /// Compresses transfers, or does not: connections that agreed on something else take nothing new, finish
@@ -88,11 +103,6 @@ class Device {
   Io::Scope::Joined stopped() { return scope_.join(); }
 
  private:
-  struct Geometry {
-    Nbd::ExportLimits limits;
-    std::uint32_t preferredBlock = 0;
-  };
-
   struct Link {
     explicit Link(Io::EventLoop& loop) : wake(loop) {}
     Io::Signal wake;
@@ -108,6 +118,7 @@ class Device {
   void connectMore();
   void ended(Link& link, Connection& connection, const Connection::Ending& ending);
   void distribute();
+  void handOver();
   void fail(Request& request, Nbd::Error error);
   void failAll();
   void giveUp(const std::string& reason);
@@ -123,6 +134,7 @@ class Device {
   const Events events_;
   std::optional<Geometry> geometry_;
   bool compression_;
+  const bool needsSeveral_;  // there are connections that are not this device's
   bool stopping_ = false;
   int violations_ = 0;
 

@@ -5,7 +5,9 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <latch>
+#include <mutex>
 #include <string>
 
 #include "tests/remote/device_thread.h"
@@ -214,6 +216,79 @@ TEST(Device, UsesOneConnectionOtherwise) {
   ASSERT_TRUE(device.awaitConnected());
   for (int round = 0; round < 100; ++round) EXPECT_EQ(device.request(Command::read, 0, 512), Error::none);
   EXPECT_EQ(server.connections(), 1);
+}
+
+// --- A device beside another
+
+/// Another device of the export that `first` has, which passes on what it cannot ask.
+class SecondDevice {
+ public:
+  explicit SecondDevice(DeviceThread& first)
+      : device(first.onLoop([](Device& subject) { return subject.forAnother(); }), [&](Request& request) {
+          const std::lock_guard lock(mutex_);
+          passed_.push_back(&request);
+          more_.notify_all();
+        }) {}
+
+  /// Waits until so many requests were passed on.
+  std::vector<Request*> passed(std::size_t count) {
+    std::unique_lock lock(mutex_);
+    more_.wait_for(lock, DeviceThread::patience, [&] { return passed_.size() >= count; });
+    return passed_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable more_;
+  std::vector<Request*> passed_;
+
+ public:
+  DeviceThread device;
+};
+
+TEST(Device, PassesOnWhatALostConnectionDidNotAnswer) {
+  MemoryExport memory(size);
+  memory.view.transmissionFlags |= Flag::canMultiConn;
+  std::latch asked(1);
+  ScriptedServer server({[&](Peer& peer) { memory.serve(peer); },
+                         [&](Peer& peer) {
+                           ASSERT_TRUE(peer.handshake(memory.view));
+                           ASSERT_TRUE(peer.receiveRequest());
+                           ASSERT_TRUE(peer.receiveRequest());
+                           asked.count_down();
+                         },
+                         [&](Peer& peer) { peer.awaitEnd(); }});
+  Device::Options alone = options(server);
+  alone.connections = 1;
+  DeviceThread first(alone);
+  ASSERT_TRUE(first.awaitConnected());
+  SecondDevice second(first);
+  ASSERT_TRUE(second.device.awaitConnected());
+  const auto one = second.device.ask(Command::write, 0, 4096);
+  const auto other = second.device.ask(Command::write, 4096, 4096);
+  asked.wait();
+  const std::vector<Request*> passed = second.passed(2);
+  ASSERT_EQ(passed, (std::vector<Request*>{one.get(), other.get()}));
+  // What is asked while there is no connection goes the same way.
+  const auto third = second.device.ask(Command::read, 0, 512);
+  ASSERT_EQ(second.passed(3).back(), third.get());
+  for (Request* const request : second.passed(3)) request->done(Error::none);
+  EXPECT_EQ(DeviceThread::result(*third), Error::none);
+}
+
+TEST(Device, ThatIsOneOfSeveralRefusesAServerThatIsNotTheSame) {
+  MemoryExport memory(size);
+  memory.view.transmissionFlags |= Flag::canMultiConn;
+  MemoryExport other(size);
+  ScriptedServer server({[&](Peer& peer) { memory.serve(peer); }, [&](Peer& peer) { other.serve(peer); }});
+  Device::Options alone = options(server);
+  alone.connections = 1;
+  DeviceThread first(alone);
+  ASSERT_TRUE(first.awaitConnected());
+  SecondDevice second(first);
+  ASSERT_TRUE(second.device.await([](const DeviceThread::Seen& seen) { return !seen.waiting.empty(); }));
+  EXPECT_EQ(second.device.seen().waiting.front().code, FailureCode::remoteExportChanged);
+  EXPECT_EQ(second.device.seen().connected, 0);
 }
 
 // --- Servers that go away

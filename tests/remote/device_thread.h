@@ -22,15 +22,16 @@ class DeviceThread {
  public:
   static constexpr std::chrono::seconds patience{20};
 
-  explicit DeviceThread(Device::Options options)
-      : device_(loop_, std::move(options),
-                {.connected = [this] { note([](Seen& seen) { seen.connected++; }); },
-                 .waiting =
-                     [this](const Control::Failure& why) {
-                       note([&](Seen& seen) { seen.waiting.push_back(why); });
-                     },
-                 .failed =
-                     [this](const Control::Failure& why) { note([&](Seen& seen) { seen.failed = why; }); }}),
+  explicit DeviceThread(Device::Options options, std::function<void(Request&)> takeOver = {})
+      : device_(
+            loop_, std::move(options),
+            {.connected = [this] { note([](Seen& seen) { seen.connected++; }); },
+             .waiting =
+                 [this](const Control::Failure& why) {
+                   note([&](Seen& seen) { seen.waiting.push_back(why); });
+                 },
+             .failed = [this](const Control::Failure& why) { note([&](Seen& seen) { seen.failed = why; }); },
+             .takeOver = std::move(takeOver)}),
         thread_([this] { loop_.run(); }) {
     loop_.post([this] { device_.start(); });
   }

@@ -1,48 +1,58 @@
 #pragma once
 
-#define FUSE_USE_VERSION 35
-#include <fuse_lowlevel.h>
-
+#include <atomic>
 #include <coroutine>
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 #include <deque>
-#include <filesystem>
-#include <memory>
+#include <functional>
 #include <span>
-#include <string>
 
-#include "control/interface.h"
-#include "nbdd/imports/file_node.h"
+#include "nbdd/imports/fuse_mount.h"
 #include "nbdd/io/buffer.h"
 #include "nbdd/io/event_loop.h"
 #include "nbdd/io/scope.h"
-#include "nbdd/io/signal.h"
+#include "nbdd/io/task.h"
 #include "nbdd/remote/device.h"
 
 namespace Nbdd {
 
-/// What is behind a FileNode while it is mounted: takes requests of the kernel from /dev/fuse on the import's
-/// loop, and answers each from a coroutine of its own.
-class FileNode::Session final : private Io::EventHandler {
- public:
-  explicit Session(NodeContext context);
-  ~Session() override;
-  Session(const Session&) = delete;
-  Session& operator=(const Session&) = delete;
+/// Who has a file open. Shared by its workers, which are on several threads.
+struct FileUsers {
+  std::atomic<std::size_t> count = 0;
+  std::function<void()> changed;  ///< to be called when `count` has become another; any thread
+  timespec since{};               ///< when there was the file: its time of last change
+};
 
-  Control::Result<std::filesystem::path> mount();
-  void unmount();
+/// Takes requests of the kernel for a mounted file, on one loop, and answers each from a coroutine of its
+/// own. One loop's thread.
+///
+/// Several workers, each with a device of its own, may share a mount if the server's blocks are single bytes:
+/// a write that is no whole blocks has to be alone among all writes, and a worker knows only its own.
+class FileWorker final : private Io::EventHandler {
+ public:
+  /// What is called with the requests that a worker receives.
+  static const fuse_lowlevel_ops& operations();
+
+  /// The geometry of `device` is known. All outlive this.
+  FileWorker(Io::EventLoop& loop, Remote::Device& device, FuseMount& mount, FileUsers& users);
+  FileWorker(const FileWorker&) = delete;
+  FileWorker& operator=(const FileWorker&) = delete;
+
+  /// Takes requests from now on, while the file is mounted. Twice is as good as once.
+  void start();
+  /// Takes none any more; goes on with those it has.
+  void stop();
+  /// Whether it takes requests: it was started, and the kernel gave it the means.
+  bool started() const { return watching_; }
+  /// Awaits the end of all requests that were taken.
   Io::Task<void> ended();
-  std::size_t users() const { return users_; }
 
  private:
-  struct Operations;  // the table of functions that libfuse calls
+  struct Operations;  // the functions that libfuse calls
 
   void onEvents(std::uint32_t events) override;
-  void receive();
-  void clearPlace() const;
-  void widenReadAhead() const;
 
   // One request each; replied to when they end.
   Io::Task<void> read(fuse_req_t request, std::size_t length, std::uint64_t offset);
@@ -61,25 +71,17 @@ class FileNode::Session final : private Io::EventHandler {
 
   void opened(fuse_req_t request, fuse_file_info* info);
   void released(fuse_req_t request);
-  void replyAttributes(fuse_req_t request) const;
-  struct stat attributes() const;
+  void replyAttributes(fuse_req_t request);
   bool readOnly() const;
   bool isAligned(std::uint64_t offset, std::uint64_t length) const;
 
-  void replyError(fuse_req_t request, int error) const;
-  void replyData(fuse_req_t request, std::span<const std::byte> data) const;
-  void replyWritten(fuse_req_t request, std::size_t length) const;
-
-  NodeContext context_;
+  Io::EventLoop& loop_;
   Remote::Device& device_;
-  std::filesystem::path path_;
+  FuseMount& mount_;
+  FileUsers& users_;
   const std::uint64_t size_;
-  timespec mounted_{};
-  fuse_session* session_ = nullptr;
-  int descriptor_ = -1;  // libfuse's
-  fuse_buf buffer_{};    // libfuse allocates it
-  bool mountedNow_ = false;
-  std::size_t users_ = 0;
+  bool watching_ = false;
+  FuseInput input_;
   Io::BufferPool buffers_;
 
   /// Waits until the gate is opened for everybody who waits; then each looks again.
