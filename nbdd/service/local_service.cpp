@@ -226,6 +226,8 @@ Control::Variant LocalService::namedProperties() const {
                     .exports = registry_.size(),
                     .servedExports = registry_.activeCount(),
                     .clients = server_.clientCount(),
+                    .imports = imports_.size(),
+                    .usedImports = imports_.activeCount(),
                     .connections = server_.connectionCount(),
                     .storageEngine = server_.storageEngine(),
                     .eventLoops = server_.workerCount()});

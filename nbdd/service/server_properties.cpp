@@ -53,8 +53,13 @@ Variant exportCounts(const ServerFacts& server) {
           {"clients", std::uint64_t{server.clients}}};
 }
 
+Variant importCounts(const ServerFacts& server) {
+  return {{"held", std::uint64_t{server.imports}}, {"enabled", std::uint64_t{server.usedImports}}};
+}
+
 Variant limits(const HostFacts& host) {
   return {{"exports", std::uint64_t{Limits::exports}},
+          {"imports", std::uint64_t{Limits::imports}},
           {"connections", std::uint64_t{Limits::connections}},
           {"control connections", std::uint64_t{Control::Limits::connections}},
           {"bytes of one request", std::uint64_t{Nbd::maxPayload}},
@@ -97,6 +102,7 @@ Variant serverProperties(const HostFacts& host, const ServerFacts& server) {
     properties.push_back({"reached at", reachableAddresses(server)});
   }
   properties.push_back({"exports", exportCounts(server)});
+  properties.push_back({"imports", importCounts(server)});
   properties.push_back({"connections", std::uint64_t{server.connections}});
   properties.push_back({"storage engine", std::string(server.storageEngine)});
   properties.push_back({"event loops", std::uint64_t{server.eventLoops}});

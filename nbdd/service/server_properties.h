@@ -39,7 +39,9 @@ struct ServerFacts {
   std::size_t exports = 0;
   std::size_t servedExports = 0;  // offered to clients, or still used by some
   std::size_t clients = 0;        // that use an export
-  std::size_t connections = 0;    // all of them, those in the handshake included
+  std::size_t imports = 0;
+  std::size_t usedImports = 0;  // enabled, or not quite disabled
+  std::size_t connections = 0;  // all of them, those in the handshake included
   std::string_view storageEngine{};
   std::size_t eventLoops = 0;
 };

@@ -94,20 +94,24 @@ TEST(ServerProperties, EveryActivityHasItsWords) {
 }
 
 TEST(ServerProperties, WhatIsHeldAndServedIsCounted) {
-  const Control::Variant properties =
-      serverProperties(host, {.exports = 5, .servedExports = 3, .clients = 7, .connections = 9});
+  const Control::Variant properties = serverProperties(
+      host,
+      {.exports = 5, .servedExports = 3, .clients = 7, .imports = 4, .usedImports = 2, .connections = 9});
   EXPECT_EQ(nested(properties, "exports"),
             (Control::Variant{
                 {"held", std::uint64_t{5}}, {"served", std::uint64_t{3}}, {"clients", std::uint64_t{7}}}));
+  EXPECT_EQ(nested(properties, "imports"),
+            (Control::Variant{{"held", std::uint64_t{4}}, {"enabled", std::uint64_t{2}}}));
   EXPECT_EQ(number(properties, "connections"), 9U);
 }
 
 TEST(ServerProperties, LimitsAreTold) {
   const Control::Variant limits = nested(serverProperties(host, {}), "limits");
   EXPECT_EQ(number(limits, "open files"), 1024U);
-  for (const char* const name : {"exports", "connections", "control connections", "bytes of one request",
-                                 "waiting requests of one connection", "waiting bytes of one connection",
-                                 "waiting bytes of one event loop", "handshake seconds"})
+  for (const char* const name :
+       {"exports", "imports", "connections", "control connections", "bytes of one request",
+        "waiting requests of one connection", "waiting bytes of one connection",
+        "waiting bytes of one event loop", "handshake seconds"})
     EXPECT_GT(number(limits, name), 0U) << name;
 }
 
