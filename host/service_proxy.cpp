@@ -88,11 +88,10 @@ bool ServiceProxy::succeeds(const Control::Method<Arguments...>& method, const G
 
 // The operation of a listing that is expected next is answered from what was asked for ahead; any other, and
 // one whose connection ended meanwhile, is an operation like all others.
-template <const auto& method>
-auto ServiceProxy::askAhead(ReadAhead<method>& readAhead, Control::ExportId id) ->
-    typename ReadAhead<method>::Answer {
-  const bool noOtherOnTheWay =
-      readAhead.outstanding() == infosAhead_.outstanding() + clientsAhead_.outstanding();
+template <const auto& method, class Id>
+auto ServiceProxy::askAhead(ReadAhead<method, Id>& readAhead, Id id) ->
+    typename ReadAhead<method, Id>::Answer {
+  const bool noOtherOnTheWay = readAhead.outstanding() == answersOnTheWay();
   if (!client_ || !client_->isOpen() || !noOtherOnTheWay || !readAhead.expects(id)) return ask(method, id);
   if (client_->hasMessage()) return readAhead.take(*client_);
   flushOutput();
@@ -105,10 +104,15 @@ auto ServiceProxy::askAhead(ReadAhead<method>& readAhead, Control::ExportId id) 
   return ended && !client_->isOpen() ? ask(method, id) : std::move(answer);
 }
 
+std::size_t ServiceProxy::answersOnTheWay() const {
+  return infosAhead_.outstanding() + clientsAhead_.outstanding() + importsAhead_.outstanding();
+}
+
 void ServiceProxy::abandonReadAhead() {
-  std::size_t onTheWay = infosAhead_.outstanding() + clientsAhead_.outstanding();
+  std::size_t onTheWay = answersOnTheWay();
   infosAhead_.forget();
   clientsAhead_.forget();
+  importsAhead_.forget();
   const Interruption::Wait wait(interruption_);
   for (; onTheWay > 0 && client_ && client_->isOpen(); --onTheWay) std::ignore = client_->receiveMessage();
 }
@@ -196,11 +200,13 @@ bool ServiceProxy::exportRemove(Types::ExportID id) { return succeeds(Methods::e
 // Imports.
 
 bool ServiceProxy::importList(std::vector<Types::ImportID>& ids) {
-  return fill(ids, ask(Methods::importList));
+  const auto list = ask(Methods::importList);
+  if (list) importsAhead_.expect(*list);
+  return fill(ids, list);
 }
 
 std::optional<Types::ImportInfo> ServiceProxy::importInfo(Types::ImportID id) {
-  return optionally(ask(Methods::importInfo, toControl(id)));
+  return optionally(askAhead(importsAhead_, toControl(id)));
 }
 
 std::optional<Types::ImportID> ServiceProxy::importAdd(const Types::ImportDescriptor& descriptor) {

@@ -76,8 +76,9 @@ class ServiceProxy final : public Services::NBD::Client::Service {
   template <class... Arguments, class... Given>
   auto perform(const Control::Method<Arguments...>& method, const Given&... inputs)
       -> Control::Result<typename Control::Method<Arguments...>::Output>;
-  template <const auto& method>
-  auto askAhead(ReadAhead<method>& readAhead, Control::ExportId id) -> typename ReadAhead<method>::Answer;
+  template <const auto& method, class Id>
+  auto askAhead(ReadAhead<method, Id>& readAhead, Id id) -> typename ReadAhead<method, Id>::Answer;
+  std::size_t answersOnTheWay() const;
   template <class... Arguments, class... Given>
   bool succeeds(const Control::Method<Arguments...>& method, const Given&... inputs);
   std::optional<Records::Types::RemoteExportList> fetch(Records::IPEndpoint server,
@@ -88,8 +89,9 @@ class ServiceProxy final : public Services::NBD::Client::Service {
   Clock::duration patience_;
   Interruption interruption_;
   std::optional<Control::Client> client_;  // none before the first connection
-  ReadAhead<Control::Methods::exportInfo> infosAhead_;
-  ReadAhead<Control::Methods::exportGetClients> clientsAhead_;
+  ReadAhead<Control::Methods::exportInfo, Control::ExportId> infosAhead_;
+  ReadAhead<Control::Methods::exportGetClients, Control::ExportId> clientsAhead_;
+  ReadAhead<Control::Methods::importInfo, Control::ImportId> importsAhead_;
 };
 
 }  // namespace Host

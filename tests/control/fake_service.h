@@ -91,6 +91,7 @@ class FakeService final : public Service {
   std::vector<ExportId> exports{ExportId{1}, ExportId{4294967295}};
   ExportDescriptor addedExport;
   ImportDescriptor addedImport;
+  std::vector<ImportId> imports{ImportId{7}};
   RemoteServerReservationRequest request;
   Endpoint endpoint;
   std::optional<std::string> text;
@@ -159,10 +160,12 @@ class FakeService final : public Service {
   }
 
   void importList(Answer<std::vector<ImportId>> answer) override {
-    reply("importList", std::move(answer), std::vector{ImportId{7}});
+    reply("importList", std::move(answer), imports);
   }
   void importInfo(ImportId id, Answer<ImportInfo> answer) override {
-    reply(named("importInfo", id), std::move(answer), Samples::importInfo);
+    ImportInfo info = Samples::importInfo;
+    info.id = id;
+    reply(named("importInfo", id), std::move(answer), info);
   }
   void importAdd(ImportDescriptor descriptor, Answer<ImportId> answer) override {
     addedImport = std::move(descriptor);

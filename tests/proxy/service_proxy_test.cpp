@@ -324,6 +324,25 @@ TEST_F(ReadAheadTest, AListingAsksForEachRecordOnceAndInOrder) {
   }
 }
 
+TEST_F(ReadAheadTest, AListingOfImportsAsksForEachRecordOnceAndInOrder) {
+  server.onThread([&] {
+    server.service().imports.clear();
+    for (std::uint32_t id = 1; id <= 1000; ++id) server.service().imports.push_back(Control::ImportId{id});
+  });
+  std::vector<ImportID> ids;
+  ASSERT_TRUE(proxy->importList(ids));
+  for (const ImportID id : ids) {
+    const auto info = proxy->importInfo(id);
+    ASSERT_TRUE(info.has_value()) << Error::get();
+    ASSERT_EQ(info->id, id);
+  }
+  const auto calls = server.calls();
+  ASSERT_EQ(calls.size(), 1001U);
+  for (std::size_t index = 0; index < ids.size(); ++index) {
+    ASSERT_EQ(calls[1 + index], "importInfo " + std::to_string(index + 1));
+  }
+}
+
 TEST_F(ReadAheadTest, TheListAloneAsksForNothingMore) {
   holdExports(10);
   list();
