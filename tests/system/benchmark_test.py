@@ -39,6 +39,15 @@ class BenchmarkTool(unittest.TestCase):
         self.assertNotIn("failed", out)
         self.assertEqual(list(self.images.iterdir()), [])
 
+    def test_imports_are_measured_beside_other_ways(self):
+        rows = "import-read-4k,import-socket-4k,import-far"
+        out = processes.run(self.command("--rows", rows), limit=600).out
+        self.assertRegex(out, r"\n  nbdfuse +\d+")
+        self.assertRegex(out, r"speed against no import \d")
+        self.assertRegex(out, r"speed against one synchronous reader \d")
+        self.assertNotIn("failed", out)
+        self.assertEqual(list(self.images.iterdir()), [])
+
     def test_nothing_is_left_of_an_interrupted_run(self):
         run = subprocess.Popen(
             self.command("--rows", "read-4k-d1", "--servers", "nbd-server"),
