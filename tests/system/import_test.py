@@ -1,7 +1,6 @@
 """Imports: exports of remote servers, stock ones and nbdd itself, used through the nodes on this host."""
 
 import errno
-import hashlib
 import mmap
 import os
 import signal
@@ -11,72 +10,12 @@ import unittest
 from pathlib import Path
 
 from support import images, processes, remotes
-from support.service import Service
+from support.importing import Importing, checksum, fio
 from support.varlink import Failed
 
 NO_SUCH_IMPORT, NO_SUCH_REMOTE_EXPORT, IMPORT_IN_USE = 0x30, 0x31, 0x32
 CONNECTION_REFUSED, REMOTE_PROTOCOL_ERROR = 0x51, 0x53
 INVALID_ARGUMENT, WRONG_STATE = 0x10, 0x15
-
-
-def checksum(path):
-    return hashlib.sha256(images.content(path)).hexdigest()
-
-
-class Importing:
-    """A service that imports, and what is asked of it."""
-
-    def setUp(self):
-        self.service = Service(self).start()
-        self.addCleanup(self.unmount)
-        self.image = self.service.images / "remote.img"
-        images.write_holes(self.image)
-
-    def unmount(self):
-        """What a killed service has left mounted would keep its directory."""
-        self.service.end()
-        for line in Path("/proc/self/mountinfo").read_text().splitlines():
-            if (place := line.split()[4]).startswith(str(self.service.root)):
-                processes.run([processes.tool("umount"), "-l", place])
-
-    def add(self, remote, **more):
-        server = {"address": "127.0.0.1", "port": remote.port}
-        with self.service.control() as control:
-            return control.ImportAdd(descriptor={"name": remote.name, "server": server, **more})["id"]
-
-    def enable(self, number):
-        with self.service.control() as control:
-            control.ImportEnable(id=number)
-
-    def disable(self, number, force=True):
-        with self.service.control() as control:
-            control.ImportDisable(id=number, force=force)
-
-    def info(self, number):
-        with self.service.control() as control:
-            return control.ImportInfo(id=number)["info"]
-
-    def nodes(self, number):
-        with self.service.control() as control:
-            entries = control.ImportListNodeInterfaces(id=number)["interfaces"]
-        return {entry["name"]: {each["name"]: each.get("text", each.get("number")) for each in entry["nested"]}
-                for entry in entries}
-
-    def socket_uri(self, number):
-        return f"nbd+unix:///?socket={self.nodes(number)['socket']['path']}"
-
-    def file(self, number):
-        node = self.nodes(number)["file"]
-        self.assertEqual(node["state"], "active", node)
-        return Path(node["path"])
-
-    def imported(self, remote, **more):
-        number = self.add(remote, **more)
-        self.enable(number)
-        return number
-
-    def await_state(self, number, state):
-        processes.wait_until(lambda: self.info(number)["state"] == state, f"state {state}")
 
 
 class Nodes(Importing, unittest.TestCase):
@@ -165,13 +104,6 @@ class Nodes(Importing, unittest.TestCase):
             ]
         )  # fmt: skip
         self.assertGreaterEqual(self.info(number)["connections"], 2, "the server allows several connections")
-
-
-def fio(target, *more):
-    return [
-        processes.tool("fio"), "--name=verify", f"--filename={target}", "--ioengine=psync", "--rw=randwrite", "--bs=4k",
-        "--size=8m", "--verify=crc32c", "--do_verify=1", "--verify_fatal=1", "--verify_state_save=0", *more,
-    ]  # fmt: skip
 
 
 class Files(Importing, unittest.TestCase):
@@ -463,42 +395,5 @@ class Life(Importing, unittest.TestCase):
             self.assertEqual(control.ImportList()["ids"], [])
 
 
-class Storms(Importing, unittest.TestCase):
-    """Servers that are killed under load."""
-
-    ROUNDS = int(os.environ.get("TALVEK_STORMS", "20"))
-
-    def test_no_error_and_no_wrong_byte_while_the_server_is_killed(self):
-        remote = remotes.Nbdd(self, self.image).start()
-        number = self.imported(remote)
-        job = subprocess.Popen(
-            [
-                processes.tool("fio"), "--name=verify", "--ioengine=nbd", f"--uri={self.socket_uri(number)}",
-                "--rw=randwrite", "--bs=4k", "--size=8m", "--iodepth=16", "--verify=crc32c", "--do_verify=1",
-                "--verify_fatal=1", "--verify_state_save=0", "--loops=1000", "--time_based=1",
-                f"--runtime={max(self.ROUNDS // 2, 5)}",
-            ],
-            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
-        )  # fmt: skip
-        self.addCleanup(processes.end, job)
-        self.kill_and_restart(remote, number)
-        out, _ = job.communicate(timeout=processes.LIMIT_SECONDS)
-        self.assertEqual(job.returncode, 0, out)
-
-    def kill_and_restart(self, remote, number):
-        for _ in range(self.ROUNDS):
-            remote.kill()
-            remote.start()
-            self.await_state(number, "connected")
-
-    def test_the_file_lives_through_it_too(self):
-        remote = remotes.Nbdkit(self, self.image).start()
-        number = self.imported(remote)
-        job = subprocess.Popen(
-            fio(self.file(number), "--loops=1000", "--time_based=1", f"--runtime={max(self.ROUNDS // 2, 5)}"),
-            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
-        )  # fmt: skip
-        self.addCleanup(processes.end, job)
-        self.kill_and_restart(remote, number)
-        out, _ = job.communicate(timeout=processes.LIMIT_SECONDS)
-        self.assertEqual(job.returncode, 0, out)
+if __name__ == "__main__":
+    unittest.main()
