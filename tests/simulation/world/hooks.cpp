@@ -5,6 +5,7 @@
 #include <chrono>
 #include <map>
 #include <memory>
+#include <random>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -13,8 +14,9 @@
 #include "nbdd/io/file_io.h"
 #include "nbdd/io/thread_pool.h"
 #include "nbdd/log/log.h"
+#include "nbdd/remote/connection.h"
 #include "tests/simulation/world/file_engine.h"
-#include "tests/simulation/world/run.h"
+#include "tests/simulation/world/scheduler.h"
 #include "tests/simulation/world/world.h"
 
 namespace {
@@ -24,6 +26,7 @@ using Nbdd::GroupSync;
 using Simulation::World;
 using Job = std::move_only_function<void()>;
 using Files = std::unique_ptr<Nbdd::Io::FileIo>;
+using Unanswered = std::vector<Nbdd::Remote::Request*>;
 
 // What others wait for in a GroupSync that serves latecomers too early.
 struct HastySync {
@@ -55,10 +58,19 @@ Clock::time_point now() noexcept {
 void realJoin(std::thread* thread) REAL(SYMBOL);
 void join(std::thread* thread) WRAPPED(SYMBOL);
 void join(std::thread* thread) {
-  if (Run* const run = Run::current()) {
-    run->untilFinished(thread->native_handle());
+  if (Scheduler* const scheduler = Scheduler::current()) {
+    scheduler->untilFinished(thread->native_handle());
   }
   realJoin(thread);
+}
+#undef SYMBOL
+
+#define SYMBOL "_ZNSt13random_device9_M_getvalEv"
+unsigned int realRandomValue(std::random_device* device) REAL(SYMBOL);
+unsigned int randomValue(std::random_device* device) WRAPPED(SYMBOL);
+unsigned int randomValue(std::random_device* device) {
+  World* const world = World::current();
+  return world != nullptr ? static_cast<unsigned int>(world->random().next()) : realRandomValue(device);
 }
 #undef SYMBOL
 
@@ -121,6 +133,21 @@ bool finishSync(GroupSync* sync, int error) {
     done(error);
   }
   return false;
+}
+#undef SYMBOL
+
+#define SYMBOL "_ZN4Nbdd6Remote10Connection14takeUnansweredEv"
+Unanswered realTakeUnanswered(Nbdd::Remote::Connection* connection) REAL(SYMBOL);
+Unanswered takeUnanswered(Nbdd::Remote::Connection* connection) WRAPPED(SYMBOL);
+Unanswered takeUnanswered(Nbdd::Remote::Connection* connection) {
+  const World* const world = World::current();
+  Unanswered requests = realTakeUnanswered(connection);
+  if (world != nullptr && world->bug() == Bug::lostRequests) {
+    for (Nbdd::Remote::Request* const request : std::exchange(requests, {})) {
+      request->done(Nbd::Error::none);
+    }
+  }
+  return requests;
 }
 #undef SYMBOL
 

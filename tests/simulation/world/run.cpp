@@ -13,8 +13,6 @@ namespace {
 constexpr auto diskId = Control::ExportId{1};
 constexpr std::uint64_t mostSteps = 500'000;
 
-Run* theRun = nullptr;
-
 }  // namespace
 
 std::map<std::string, Bug> bugNames() {
@@ -29,10 +27,7 @@ Outcome simulate(const Options& options) {
   return run.execute();
 }
 
-Run* Run::current() { return theRun; }
-
 Run::Run(const Options& options) : world_(options.seed, options.bug, options.tracing), options_(options) {
-  theRun = this;
   openDisk();
   startServer();
   chooseFaults();
@@ -52,7 +47,6 @@ Run::~Run() {
   table_.withdraw(diskId);
   storage_.reset();
   workers_.clear();
-  theRun = nullptr;
 }
 
 void Run::openDisk() {

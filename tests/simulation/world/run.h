@@ -16,6 +16,7 @@
 #include "tests/simulation/world/client.h"
 #include "tests/simulation/world/disk.h"
 #include "tests/simulation/world/model.h"
+#include "tests/simulation/world/scheduler.h"
 #include "tests/simulation/world/world.h"
 
 namespace Simulation {
@@ -42,18 +43,13 @@ std::map<std::string, Bug> bugNames();
 /// have left, and checks what comes of it. One run at a time in a process.
 Outcome simulate(const Options& options);
 
-class Run {
+class Run final : public Scheduler {
  public:
   explicit Run(const Options& options);
-  ~Run();
-  Run(const Run&) = delete;
-  Run& operator=(const Run&) = delete;
-
-  static Run* current();
-
+  ~Run() override;
   Outcome execute();
   /// Goes on until a thread of the server has ended.
-  void untilFinished(pthread_t thread);
+  void untilFinished(pthread_t thread) override;
 
  private:
   enum class Kind : std::uint8_t {

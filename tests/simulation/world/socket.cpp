@@ -8,6 +8,9 @@
 namespace Simulation {
 
 ssize_t Socket::receive(std::span<std::byte> buffer) {
+  if (world_.bug() == Bug::noDrain && serverEnded_) {
+    return 0;
+  }
   if (!received_.empty()) {
     const std::size_t count = std::min(buffer.size(), received_.size());
     std::ranges::copy(received_.front(count), buffer.begin());
@@ -17,7 +20,7 @@ ssize_t Socket::receive(std::span<std::byte> buffer) {
   }
   if (resetDelivered_ && !resetReported_) {
     resetReported_ = true;
-    return -ECONNRESET;
+    return timedOut_ && world_.bug() != Bug::noSettle ? -ETIMEDOUT : -ECONNRESET;
   }
   if (endDelivered_ || resetDelivered_ || readingShut_) {
     return world_.bug() == Bug::halfWrite && endDelivered_ && !readingShut_
@@ -76,7 +79,16 @@ int Socket::shutDown(int how) {
   return 0;
 }
 
+void Socket::endConnecting(int error) {
+  connecting_ = false;
+  connectError_ = error;
+  raise();
+}
+
 std::uint32_t Socket::readiness() const {
+  if (connecting_) {
+    return 0;
+  }
   std::uint32_t events = 0;
   const bool noMore = endDelivered_ || readingShut_ || resetDelivered_;
   if (hasEnough() || noMore) {
@@ -178,6 +190,11 @@ void Socket::reset() {
   sent_.clear();
   world_.note("a reset arrives");
   raise();
+}
+
+void Socket::timeOut() {
+  timedOut_ = true;
+  reset();
 }
 
 bool Socket::canAcknowledge() const {

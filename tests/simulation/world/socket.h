@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
+#include <utility>
 #include <vector>
 
 #include "tests/simulation/world/world.h"
@@ -64,6 +65,14 @@ class Socket final : public Descriptor {
   std::uint32_t readiness() const override;
   void closed() override;
 
+  // A socket that the service connects by itself.
+  void beginConnecting() { connecting_ = true; }
+  bool connecting() const { return connecting_; }
+  /// It is connected, or cannot be, for this errno.
+  void endConnecting(int error);
+  /// As SO_ERROR.
+  int takeError() { return std::exchange(connectError_, 0); }
+
   // The client's side.
   void push(std::span<const std::byte> bytes);
   /// How many bytes the client has ever sent, and how many of them the server has taken.
@@ -88,6 +97,8 @@ class Socket final : public Descriptor {
   void deliver();
   /// The connection is reset from the client's side, here and now.
   void reset();
+  /// Nothing was heard of the other side for so long that the service's kernel gives the connection up.
+  void timeOut();
   bool canAcknowledge() const;
   /// The server's kernel hears that the client has taken bytes.
   void acknowledge();
@@ -102,6 +113,8 @@ class Socket final : public Descriptor {
   World& world_;
   const std::size_t receiveCapacity_;
   const std::size_t sendCapacity_;
+  bool connecting_ = false;
+  int connectError_ = 0;
 
   ByteQueue underWay_;  // from the client to the server's kernel
   ByteQueue received_;  // in the server's kernel
@@ -114,6 +127,7 @@ class Socket final : public Descriptor {
   bool endDelivered_ = false;  // the server's kernel knows the first
   bool resetDelivered_ = false;
   bool resetReported_ = false;   // by a failed call
+  bool timedOut_ = false;        // that was the reset
   bool answeredClosed_ = false;  // bytes went to a client that has closed: a reset comes back
   bool brokenOff_ = false;
   bool noSpace_ = false;  // the server was told that the buffer is full

@@ -6,6 +6,7 @@
 // CMakeLists.txt, and where the world answers it.
 
 #include <linux/fs.h>
+#include <netinet/in.h>
 #include <signal.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
@@ -31,6 +32,7 @@
 #include <vector>
 
 #include "tests/simulation/world/disk.h"
+#include "tests/simulation/world/network.h"
 #include "tests/simulation/world/socket.h"
 #include "tests/simulation/world/world.h"
 
@@ -253,6 +255,10 @@ int __wrap_shutdown(int socket, int how) {
 int __real_setsockopt(int socket, int level, int option, const void* value, socklen_t length);
 int __wrap_setsockopt(int socket, int level, int option, const void* value, socklen_t length) {
   if (Socket* const found = simulated<Socket>(socket)) {
+    // How patient the kernel is with a silent path, the scheduler decides.
+    if (level == IPPROTO_TCP || (level == SOL_SOCKET && option == SO_KEEPALIVE)) {
+      return 0;
+    }
     if (level != SOL_SOCKET || option != SO_RCVLOWAT || length != sizeof(int)) {
       refuse("setsockopt");
     }
@@ -260,6 +266,38 @@ int __wrap_setsockopt(int socket, int level, int option, const void* value, sock
     return 0;
   }
   return __real_setsockopt(socket, level, option, value, length);
+}
+
+int __real_getsockopt(int socket, int level, int option, void* value, socklen_t* length);
+int __wrap_getsockopt(int socket, int level, int option, void* value, socklen_t* length) {
+  if (Socket* const found = simulated<Socket>(socket)) {
+    if (level != SOL_SOCKET || option != SO_ERROR || *length != sizeof(int)) {
+      refuse("getsockopt");
+    }
+    *static_cast<int*>(value) = found->takeError();
+    return 0;
+  }
+  return __real_getsockopt(socket, level, option, value, length);
+}
+
+int __real_socket(int domain, int type, int protocol);
+int __wrap_socket(int domain, int type, int protocol) {
+  World* const world = World::current();
+  const bool isTcp = (domain == AF_INET || domain == AF_INET6) && (type & SOCK_STREAM) != 0;
+  if (world == nullptr || world->network() == nullptr || !isTcp) {
+    return __real_socket(domain, type, protocol);
+  }
+  return world->add(world->network()->open());
+}
+
+int __real_connect(int socket, const sockaddr* address, socklen_t length);
+int __wrap_connect(int socket, const sockaddr* address, socklen_t length) {
+  if (Socket* const found = simulated<Socket>(socket)) {
+    found->beginConnecting();
+    World::current()->network()->connect(*found);
+    return answer(-EINPROGRESS);
+  }
+  return __real_connect(socket, address, length);
 }
 
 // --- Files

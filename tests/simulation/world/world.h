@@ -33,6 +33,7 @@ namespace Simulation {
 using Nanoseconds = std::int64_t;
 
 class Epoll;
+class Network;
 class World;
 
 /// Mistakes that a server could make, put in between it and the world: the simulation has to find each.
@@ -46,6 +47,9 @@ enum class Bug : std::uint8_t {
   staleRead,      // a failed read is answered with what was in the buffer
   sleepyWriter,   // nobody waits for a full socket to take more
   halfWrite,      // the end of the connection is taken for the end of a write's data
+  noDrain,        // an import asks again without waiting for the end of the old connection at the server
+  noSettle,       // and after a silent path, without leaving the next connection alone for some time
+  lostRequests,   // what a lost connection did not answer is taken for done
 };
 
 /// What a simulated descriptor number stands for.
@@ -194,6 +198,10 @@ class World {
   std::size_t workCount() const { return works_.size(); }
   void advanceWork(std::size_t index);
 
+  /// What the service reaches when it connects by itself; null: the real network.
+  Network* network() const { return network_; }
+  void setNetwork(Network* network) { network_ = network; }
+
   // What happened.
   bool tracing() const { return tracing_; }
   template <class... Arguments>
@@ -231,6 +239,7 @@ class World {
   std::vector<std::shared_ptr<Descriptor>> descriptors_;  // guarded by mutex_
   std::vector<std::shared_ptr<Epoll>> epolls_;
   std::vector<std::unique_ptr<Work>> works_;
+  Network* network_ = nullptr;
   std::deque<std::string> notes_;
   std::optional<std::string> failure_;
   Nbdd::Log log_{Nbdd::Log::Form::journal, [this](std::string_view line) { note("log: {}", line); }};
