@@ -576,6 +576,31 @@ TEST(Device, StopsWhileAServerIsSilentAndFailsWhatWasAsked) {
   EXPECT_EQ(device.request(Command::read, 0, 512), Error::io) << "also what is asked later";
 }
 
+// None is forgotten while the others end; the destructor waits for all.
+TEST(Device, StopsWithSeveralConnectionsThatAllWait) {
+  MemoryExport memory(size);
+  memory.view.transmissionFlags |= Flag::canMultiConn;
+  std::latch asked(Limits::importConnections);
+  ScriptedServer server({[&](Peer& peer) {
+    ASSERT_TRUE(peer.handshake(memory.view));
+    ASSERT_TRUE(peer.receiveRequest());
+    asked.count_down();
+    peer.awaitEnd();
+  }});
+  DeviceThread device(options(server));
+  ASSERT_TRUE(device.awaitConnected());
+  while (device.onLoop([](Device& subject) { return subject.connections(); }) < Limits::importConnections) {
+    std::this_thread::sleep_for(1ms);
+  }
+  std::vector<std::unique_ptr<DeviceThread::Asked>> reads;
+  for (std::size_t index = 0; index < Limits::importConnections; ++index) {
+    reads.push_back(device.ask(Command::read, 0, 4096));
+  }
+  asked.wait();
+  device.stop();
+  for (const auto& read : reads) EXPECT_EQ(DeviceThread::result(*read), Error::io);
+}
+
 TEST(Device, StopsWhileAWriteCannotBeSent) {
   const MemoryExport memory(std::size_t{64} << 20);
   std::latch asked(1);

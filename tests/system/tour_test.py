@@ -1,21 +1,27 @@
 """The tour of README.md, typed as it stands there."""
 
+import contextlib
+import os
 import re
+import shutil
+import signal
 import unittest
 from pathlib import Path
 
-from support.processes import run, tool
+from support.processes import run, tool, wait_for_end_of
 from support.service import Service
+from support.varlink import Control
 
 ROOT = Path(__file__).resolve().parents[2]
+THERE = Path("/tmp/tour-there")
 
 
 def steps():
     """The commands of the tour, each with the lines that it is said to print."""
-    section = (ROOT / "README.md").read_text().split("\n## Tour\n", 1)[1]
-    block = re.search(r"^```sh\n(.*?)^```$", section, re.DOTALL | re.MULTILINE)[1]
+    section = (ROOT / "README.md").read_text().split("\n## Tour\n", 1)[1].split("\n## ", 1)[0]
+    blocks = re.findall(r"^```sh\n(.*?)^```$", section, re.DOTALL | re.MULTILINE)
     found = []
-    for line in block.splitlines():
+    for line in "".join(blocks).splitlines():
         if line.startswith("$ "):
             found.append((line[2:], []))
         elif line.strip():
@@ -23,10 +29,24 @@ def steps():
     return found
 
 
+def clear():
+    """Takes away what a tour leaves in /tmp, and the second service that it starts."""
+    for path in Path("/tmp").glob("tour*.img"):
+        path.unlink()
+    with contextlib.suppress(OSError), Control(THERE / "run" / "org.talvek.NBD") as control:
+        pid = control.peer()
+        os.kill(pid, signal.SIGKILL)
+        wait_for_end_of(pid)
+    for line in Path("/proc/self/mountinfo").read_text().splitlines():
+        if (place := line.split()[4]).startswith(f"{THERE}/"):
+            run([tool("umount"), "-l", place])
+    shutil.rmtree(THERE, ignore_errors=True)
+
+
 class Tour(unittest.TestCase):
     def test_every_step_does_what_the_readme_says(self):
-        for path in Path("/tmp").glob("tour*.img"):
-            path.unlink()
+        clear()
+        self.addCleanup(clear)
         service = Service(self)
         service.configuration.unlink()
         del service.environment["NBDD_IO"], service.environment["NBDD_CONFIG"]
@@ -49,9 +69,7 @@ class Tour(unittest.TestCase):
                 self.assertIn(line, output, f"$ {command}\n{result}")
         self.assertEqual(result.status, 0, str(result))
         self.assertEqual(len(outputs), len(steps()))
-        self.assertGreater(len(outputs), 5)
-        for path in Path("/tmp").glob("tour*.img"):
-            path.unlink()
+        self.assertGreater(len(outputs), 20)
 
 
 if __name__ == "__main__":
