@@ -24,6 +24,11 @@ namespace {
 
 constexpr std::size_t directThreshold = 4096;  // below it, copying costs less than a system call of its own
 
+std::uint64_t loadOf(const Request& request) {
+  constexpr std::uint64_t least = 4096;
+  return std::max<std::uint64_t>(request.destination.size() + request.payload.size(), least);
+}
+
 Nbd::Error known(Nbd::Error error) {
   switch (error) {
     case Nbd::Error::none:
@@ -126,6 +131,7 @@ void Connection::submit(Request& request) {
   wire.flags |= Nbd::plainFlags(request.command, agreement_.headers);
   encode(wire, std::span(inSlot_[slot].header).first<Nbd::extendedRequestSize>());
   ++inFlight_;
+  load_ += loadOf(request);
   outgoing_.push_back(&request);
   work_.notify();
 }
@@ -524,6 +530,7 @@ void Connection::complete(Request& request, Nbd::Error error) {
   inSlot_[slot].request = nullptr;
   freeSlots_.push_back(slot);
   --inFlight_;
+  load_ -= loadOf(request);
   if (error == Nbd::Error::shutdown) {
     // Not carried out, and whoever asked is not to be told: the next server will do it.
     refused_.push_back(&request);
@@ -553,6 +560,7 @@ std::vector<Request*> Connection::takeUnanswered() {
   outgoing_.clear();
   ready_ = 0;
   inFlight_ = 0;
+  load_ = 0;
   return requests;
 }
 

@@ -59,7 +59,8 @@ class Connection {
 
   /// Whether `submit` may be called.
   bool hasRoom() const { return accepting_ && inFlight_ < Limits::importRequestsInFlight; }
-  std::size_t inFlight() const { return inFlight_; }
+  /// Bytes of data of the requests in flight, both ways; each counts for a few thousand at least.
+  std::uint64_t load() const { return load_; }
   /// Sends the request at the end of the loop's turn.
   void submit(Request& request);
 
@@ -141,6 +142,7 @@ class Connection {
   std::vector<std::uint8_t> freeSlots_;
   std::uint64_t nextNumber_ = 0;
   std::size_t inFlight_ = 0;
+  std::uint64_t load_ = 0;
   std::deque<Request*> outgoing_;  // not sent to the end yet; the first perhaps in part
   std::size_t ready_ = 0;          // so many of them, from the front, went through compressNext()
   std::vector<Request*> refused_;  // answered with "I am about to end"

@@ -34,6 +34,8 @@ Nbd::Request wireRequest(const Request& request, Nbd::HeaderStyle headers) {
           .length = request.length};
 }
 
+constexpr std::uint64_t fill = 256UL << 10;
+
 bool isEmptyTransfer(const Request& request) {
   return request.length == 0 && request.command != Nbd::Command::flush &&
          request.command != Nbd::Command::blockStatus;
@@ -228,13 +230,21 @@ void Device::submit(Request& request) {
   distribute();
 }
 
+/// Many small requests go the same way, because what is sent and received together costs less; what is more
+/// than one connection should carry goes where there is least.
+Connection* Device::chooseConnection() const {
+  Connection* best = nullptr;
+  for (Connection* const candidate : live_) {
+    if (!candidate->hasRoom()) continue;
+    if (candidate->load() < fill) return candidate;
+    if (best == nullptr || candidate->load() < best->load()) best = candidate;
+  }
+  return best;
+}
+
 void Device::distribute() {
   while (!waiting_.empty()) {
-    Connection* best = nullptr;
-    for (Connection* const candidate : live_) {
-      if (candidate->hasRoom() && (best == nullptr || candidate->inFlight() < best->inFlight()))
-        best = candidate;
-    }
+    Connection* const best = chooseConnection();
     if (best == nullptr) break;
     best->submit(*waiting_.front());
     waiting_.pop_front();

@@ -117,6 +117,7 @@ class Device {
   Io::Task<void> tellFailed();
   void connectMore();
   void ended(Link& link, Connection& connection, const Connection::Ending& ending);
+  Connection* chooseConnection() const;
   void distribute();
   void handOver();
   void fail(Request& request, Nbd::Error error);

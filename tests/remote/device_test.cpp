@@ -209,6 +209,38 @@ TEST(Device, UsesSeveralConnectionsWhereTheServerAllowsIt) {
   EXPECT_EQ(device.seen().connected, 1);
 }
 
+/// Asks for `count` reads of `length` bytes at once, where several connections are allowed. Returns how many
+/// of these were used before anything was answered.
+std::size_t connectionsUsedFor(std::size_t count, std::uint32_t length) {
+  MemoryExport memory(std::size_t{64} << 20);
+  memory.view.transmissionFlags |= Flag::canMultiConn;
+  std::latch arrived(static_cast<std::ptrdiff_t>(count));
+  std::atomic<std::size_t> used = 0;
+  ScriptedServer server({[&](Peer& peer) {
+    ASSERT_TRUE(peer.handshake(memory.view));
+    for (bool first = true; peer.receiveRequest(); first = false) {
+      if (first) ++used;
+      arrived.count_down();
+    }
+  }});
+  DeviceThread device(options(server));
+  EXPECT_TRUE(device.awaitConnected());
+  while (device.onLoop([](Device& subject) { return subject.connections(); }) < Limits::importConnections) {
+    std::this_thread::sleep_for(1ms);
+  }
+  std::vector<std::unique_ptr<DeviceThread::Asked>> reads;
+  for (std::size_t index = 0; index < count; ++index) reads.push_back(device.ask(Command::read, 0, length));
+  arrived.wait();
+  device.stop();
+  for (const auto& read : reads) EXPECT_EQ(DeviceThread::result(*read), Error::io);
+  return used;
+}
+
+TEST(Device, KeepsSmallRequestsTogetherAndLargeOnesApart) {
+  EXPECT_EQ(connectionsUsedFor(32, 4096), 1U);
+  EXPECT_EQ(connectionsUsedFor(8, 1 << 20), Limits::importConnections);
+}
+
 TEST(Device, UsesOneConnectionOtherwise) {
   MemoryExport memory(size);
   ScriptedServer server({[&](Peer& peer) { memory.serve(peer); }});
@@ -594,7 +626,7 @@ TEST(Device, StopsWithSeveralConnectionsThatAllWait) {
   }
   std::vector<std::unique_ptr<DeviceThread::Asked>> reads;
   for (std::size_t index = 0; index < Limits::importConnections; ++index) {
-    reads.push_back(device.ask(Command::read, 0, 4096));
+    reads.push_back(device.ask(Command::read, 0, size));
   }
   asked.wait();
   device.stop();
