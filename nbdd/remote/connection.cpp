@@ -111,7 +111,8 @@ void Connection::stop() {
 void Connection::takeLeave() {
   std::array<std::byte, Nbd::extendedRequestSize> bytes;
   encode({.type = Nbd::Command::disconnect}, bytes);
-  static_cast<void>(stream_->send(std::span(bytes).first(requestSize())));
+  const ssize_t count = stream_->send(std::span(bytes).first(requestSize()));
+  if (count < 0 && count != -EAGAIN) sendingError_ = static_cast<int>(-count);
 }
 
 // --- Sending
@@ -169,7 +170,9 @@ Io::Task<void> Connection::sendAll() {
       Io::Stream::Waiting writable = stream_->writable();
       co_await writable;
     } else {
-      co_return;  // whoever receives learns of it too, and of what the server has still said
+      // Whoever receives goes on: the server may have said more. But the kernel tells an error only once.
+      sendingError_ = static_cast<int>(-count);
+      co_return;
     }
   }
 }
@@ -277,6 +280,9 @@ Io::Task<Connection::Ending> Connection::receiveAll() {
       co_await readable;
       if (stopped_) co_return Ending{Kind::stopped, {}};
     } else if (count == 0) {
+      if (isSilence(sendingError_)) {
+        co_return Ending{Kind::silent, std::generic_category().message(sendingError_)};
+      }
       co_return Ending{Kind::closed, "the server closed the connection"};
     } else {
       const auto error = static_cast<int>(-count);
@@ -292,7 +298,7 @@ Io::Task<bool> Connection::drain() {
   stream_->endSending();
   while (!stopped_) {
     const ssize_t count = stream_->receive(input_);
-    if (count == 0) co_return true;
+    if (count == 0) co_return !isSilence(sendingError_);
     if (count == -EAGAIN) {
       Io::Stream::Waiting readable = stream_->readable();
       co_await readable;

@@ -149,6 +149,7 @@ class Connection {
   bool accepting_ = true;
   bool retiring_ = false;
   bool left_ = false;  // by leave()
+  int sendingError_ = 0;  // an errno
   bool over_ = false;
   bool stopped_ = false;
   bool provedGood_ = false;

@@ -20,7 +20,7 @@ ssize_t Socket::receive(std::span<std::byte> buffer) {
   }
   if (resetDelivered_ && !resetReported_) {
     resetReported_ = true;
-    return timedOut_ && world_.bug() != Bug::noSettle ? -ETIMEDOUT : -ECONNRESET;
+    return resetError();
   }
   if (endDelivered_ || resetDelivered_ || readingShut_) {
     return world_.bug() == Bug::halfWrite && endDelivered_ && !readingShut_
@@ -28,6 +28,10 @@ ssize_t Socket::receive(std::span<std::byte> buffer) {
                : 0;
   }
   return -EAGAIN;
+}
+
+int Socket::resetError() const {
+  return timedOut_ && world_.bug() != Bug::noSettle ? -ETIMEDOUT : -ECONNRESET;
 }
 
 /// Whether what has arrived is worth an event: the low-water mark is reached, or cannot be.
@@ -47,7 +51,7 @@ ssize_t Socket::room() {
     return -EPIPE;
   }
   if (resetDelivered_) {
-    return std::exchange(resetReported_, true) ? -EPIPE : -ECONNRESET;
+    return std::exchange(resetReported_, true) ? -EPIPE : resetError();
   }
   if (sent_.size() >= sendCapacity_) {
     noSpace_ = true;

@@ -109,6 +109,7 @@ class Socket final : public Descriptor {
 
  private:
   bool hasEnough() const;
+  int resetError() const;
 
   World& world_;
   const std::size_t receiveCapacity_;
