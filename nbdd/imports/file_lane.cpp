@@ -54,6 +54,10 @@ FileLane::FileLane(Io::EventLoop& home, Remote::Device& homeDevice, FuseMount& m
 
 FileLane::~FileLane() { thread_.join(); }
 
+void FileLane::setCompression(bool enable) {
+  loop_.post([this, enable] { device_.setCompression(enable); });
+}
+
 void FileLane::end() {
   loop_.post([this] { scope_.spawn(endAll()); });
 }

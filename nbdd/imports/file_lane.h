@@ -29,6 +29,7 @@ class FileLane {
   FileLane(const FileLane&) = delete;
   FileLane& operator=(const FileLane&) = delete;
 
+  void setCompression(bool enable);
   /// Ends the connection at once; what was asked fails, except with the import's device, which is to be
   /// stopped too.
   void end();

@@ -86,6 +86,10 @@ Io::Task<void> FileNode::closed() {
   }
 }
 
+void FileNode::setCompression(bool enable) {
+  for (const auto& lane : lanes_) lane->setCompression(enable);
+}
+
 std::size_t FileNode::users() const { return users_.count; }
 
 }  // namespace Nbdd

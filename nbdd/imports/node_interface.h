@@ -28,6 +28,8 @@ class NodeInterface {
   /// Takes it away from whoever uses it, at once. Then await `closed` before it is destroyed.
   virtual void close() = 0;
   virtual Io::Task<void> closed() = 0;
+  /// Compresses transfers on connections of its own to the server, or does not; the device's are not meant.
+  virtual void setCompression(bool /*enable*/) {}
   /// How many programs have it open now, as far as that can be known.
   virtual std::size_t users() const = 0;
 };

@@ -55,7 +55,10 @@ ImportStatus RunningImport::status() const {
 }
 
 void RunningImport::setCompression(bool enable) {
-  loop_.post([this, enable] { device_.setCompression(enable); });
+  loop_.post([this, enable] {
+    device_.setCompression(enable);
+    for (const Node& node : nodes_) node.interface->setCompression(enable);
+  });
 }
 
 void RunningImport::tell(std::move_only_function<void(const ImportEvents&)> event) {

@@ -17,7 +17,7 @@ constexpr bool instrumented = __has_feature(thread_sanitizer) || __has_feature(a
 #else
 constexpr bool instrumented = false;
 #endif
-constexpr std::uint64_t seedsPerShard = instrumented ? 60 : 600;
+constexpr std::uint64_t seedsPerShard = instrumented ? 60 : 300;
 constexpr std::uint64_t seedsForABug = 400;
 constexpr std::size_t shownNotes = 60;
 
