@@ -196,12 +196,14 @@ void Connection::compress(Request& request) {
   std::vector<Attempt> attempts = sampler_.choose(request.payload, compression_->blockLength);
   if (attempts.empty()) return;
   const std::vector<Attempt> before = attempts;
-  request.compressed_.resize(request.payload.size());
-  const std::size_t length =
-      compressBlocks(request.payload, compression_->blockLength, attempts, request.compressed_);
+  // To zero memory of its own for each request would cost more than to copy what is left of it.
+  thread_local std::vector<std::byte> scratch;
+  if (scratch.size() < request.payload.size()) scratch.resize(request.payload.size());
+  const std::size_t length = compressBlocks(request.payload, compression_->blockLength, attempts,
+                                            std::span(scratch).first(request.payload.size()));
   sampler_.note(before, attempts);
-  request.compressed_.resize(length);
   if (length == 0) return;
+  request.compressed_.assign(scratch.begin(), scratch.begin() + static_cast<std::ptrdiff_t>(length));
   Nbd::Request wire = wireRequest(request);
   wire.flags |= Nbd::plainFlags(request.command, agreement_.headers);
   wire.flags |= Nbd::CommandFlag::compressed;
@@ -537,6 +539,7 @@ void Connection::complete(Request& request, Nbd::Error error) {
   freeSlots_.push_back(slot);
   --inFlight_;
   load_ -= loadOf(request);
+  request.compressed_ = {};  // the request may be kept for long
   if (error == Nbd::Error::shutdown) {
     // Not carried out, and whoever asked is not to be told: the next server will do it.
     refused_.push_back(&request);
