@@ -204,6 +204,7 @@ void Connection::compress(Request& request) {
   sampler_.note(before, attempts);
   if (length == 0) return;
   request.compressed_.assign(scratch.begin(), scratch.begin() + static_cast<std::ptrdiff_t>(length));
+  if (scratch.size() > 4 * Limits::importCompressBatch) scratch = {};
   Nbd::Request wire = wireRequest(request);
   wire.flags |= Nbd::plainFlags(request.command, agreement_.headers);
   wire.flags |= Nbd::CommandFlag::compressed;
