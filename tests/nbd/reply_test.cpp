@@ -78,6 +78,10 @@ const LengthCase lengthCases[] = {
     {ReplyChunk::offsetHole, 0, 12, true, true},
     {ReplyChunk::offsetHole, 0, 11, false, false},
     {ReplyChunk::offsetHole, 0, 13, false, false},
+    {ReplyChunk::compressedData, 0, 13, true, true},
+    {ReplyChunk::compressedData, 0, 12, false, false},  // no block
+    {ReplyChunk::compressedData, 0, 12 + Nbd::maxPayload, true, true},
+    {ReplyChunk::compressedData, 0, 13 + Nbd::maxPayload, false, false},
     {ReplyChunk::blockStatus, 0, 12, true, false},
     {ReplyChunk::blockStatus, 0, 4, false, false},  // no extent
     {ReplyChunk::blockStatus, 0, 16, false, false},
