@@ -130,7 +130,10 @@ std::optional<Uuid> parseUuid(std::string_view text) {
     return value;
   };
   for (std::size_t octet = 0; octet < uuid.size(); ++octet) {
-    if (isAfterDash(octet) && (at >= text.size() || text[at++] != '-')) return std::nullopt;
+    if (isAfterDash(octet)) {
+      if (!text.substr(at).starts_with('-')) return std::nullopt;
+      ++at;
+    }
     const auto high = digit();
     const auto low = digit();
     if (!high || !low) return std::nullopt;

@@ -25,12 +25,14 @@ Failure refusalOf(const Nbd::Extension::Refusal& refusal, bool hasExpression, co
   const std::string reason = refusal.text.empty() ? "it gave no reason" : escaped(refusal.text);
   const bool isUnknown = refusal.type == ReplyType::unsupported;
   const bool isInvalid = refusal.type == ReplyType::invalid || refusal.type == ReplyType::tooBig;
-  if (hasExpression && isUnknown)
+  if (hasExpression && isUnknown) {
     return {FailureCode::extensionMissing,
             fmt::format("{} evaluates no expressions: {}", nameOf(place), reason)};
-  if (hasExpression && isInvalid)
+  }
+  if (hasExpression && isInvalid) {
     return {FailureCode::expressionInvalid,
             fmt::format("{} does not accept the expression: {}", nameOf(place), reason)};
+  }
   return {FailureCode::remoteRefused,
           fmt::format("{} refused to tell its exports: {}", nameOf(place), reason)};
 }
@@ -53,13 +55,15 @@ Control::RemoteExportList listOf(const Inquiry::Findings& findings,
   Control::RemoteExportList list;
   describeServer(list, findings);
   if (findings.version) {
-    for (const Nbd::Extension::ExportEntry& entry : findings.exports)
+    for (const Nbd::Extension::ExportEntry& entry : findings.exports) {
       list.exports.push_back(
           {.name = entry.name, .uuid = uuidOf(entry.uuid), .size = entry.size, .flags = entry.flags});
+    }
   } else {
-    for (const Nbd::RemoteExport& remote : listed)
+    for (const Nbd::RemoteExport& remote : listed) {
       list.exports.push_back(
           {.name = remote.name, .size = remote.size.value_or(0), .flags = remote.transmissionFlags});
+    }
   }
   return list;
 }
@@ -73,9 +77,10 @@ void Listings::fetch(Place place, std::optional<std::vector<std::byte>> expressi
                      Control::Answer<Control::RemoteExportList> answer) {
   if (closing_)
     return answer(std::unexpected(Failure{FailureCode::serviceStopping, "the service is about to end"}));
-  if (diallers_.size() >= Limits::remoteListings)
+  if (diallers_.size() >= Limits::remoteListings) {
     return answer(
         std::unexpected(Failure{FailureCode::limitReached, "too many servers are being asked already"}));
+  }
   scope_.spawn(run(std::move(place), std::move(expression), std::move(answer)));
 }
 
