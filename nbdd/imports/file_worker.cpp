@@ -62,6 +62,7 @@ struct FileWorker::Operations {
     connection->max_background = Limits::fileRequests;
     connection->congestion_threshold = Limits::fileRequests / 4 * 3;
     connection->max_readahead = Limits::fileReadAhead;
+    connection->max_read = FuseMount::largestRead;
   }
   static void lookup(fuse_req_t request, fuse_ino_t /*parent*/, const char* /*name*/) {
     receiving->mount_.replyError(request, ENOENT);

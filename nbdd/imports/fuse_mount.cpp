@@ -76,7 +76,8 @@ Control::Result<void> FuseMount::mount() {
   }
   fuse_set_log_func(logFuse);
   // "nbd" is how mount(8) shows it.
-  std::array<std::string, 3> words{"nbdd", "-o", "fsname=nbd,subtype=nbdd"};
+  std::array<std::string, 3> words{"nbdd", "-o",
+                                   fmt::format("fsname=nbd,subtype=nbdd,max_read={}", largestRead)};
   std::array<char*, 3> pointers{words[0].data(), words[1].data(), words[2].data()};
   fuse_args arguments{.argc = static_cast<int>(pointers.size()), .argv = pointers.data(), .allocated = 0};
   session_ = fuse_session_new(&arguments, &operations_, sizeof operations_, user_);

@@ -34,6 +34,11 @@ class FuseInput {
 /// threads, each request by the one that received it.
 class FuseMount {
  public:
+  /// Bytes that the kernel asks for at once. The data of larger reads have left the processor's cache when
+  /// they are passed on, which costs more than the further requests. FUSE wants to hear it again when it
+  /// begins to talk.
+  static constexpr unsigned largestRead = 256U << 10;
+
   /// `operations` are called with `user` by the threads that receive.
   FuseMount(std::filesystem::path place, const fuse_lowlevel_ops& operations, void* user);
   /// Unmounts. Every request must have been answered.
