@@ -244,7 +244,7 @@ void ServerHandshake::exportName(Bytes data, Output& output) {
   const std::string_view name = asText(data);
   std::optional<ExportView> view;
   if (isWireString(name) && agreement_.headers != HeaderStyle::extended) view = directory_->find(name);
-  if (!view) {
+  if (!view || !view->refusal.empty()) {
     state_ = State::failed;
     return;
   }
@@ -316,6 +316,10 @@ std::optional<ServerHandshake::Described> ServerHandshake::describe(Bytes data, 
   std::optional<ExportView> view = directory_->find(request->name);
   if (!view) {
     refuse(output, ReplyType::unknown, "no such export");
+    return std::nullopt;
+  }
+  if (!view->refusal.empty()) {
+    refuse(output, ReplyType::policy, view->refusal);
     return std::nullopt;
   }
   const auto startInfo = [&](InfoType type, std::size_t length) {
@@ -400,7 +404,9 @@ std::optional<ServerHandshake::ContextRequest> ServerHandshake::readContextReque
   }
   if (!reader.atEnd()) return refused(ReplyType::invalid, malformed);
   if (*count > maxQueries) return refused(ReplyType::tooBig, "too many queries");
-  if (!directory_->find(*name)) return refused(ReplyType::unknown, "no such export");
+  const std::optional<ExportView> view = directory_->find(*name);
+  if (!view) return refused(ReplyType::unknown, "no such export");
+  if (!view->refusal.empty()) return refused(ReplyType::policy, view->refusal);
   return request;
 }
 

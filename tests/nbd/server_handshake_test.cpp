@@ -453,6 +453,29 @@ TEST(ServerGo, InfoAndGoTellTheSame) {
   }
 }
 
+TEST(ServerGo, AnExportThatTheClientMustNotUseIsRefusedWithTheReason) {
+  Wire::Directory directory;
+  Nbd::ExportView closed = disk;
+  closed.refusal = "not for you";
+  directory.add(closed);
+  ServerHandshake handshake(directory, {});
+  const auto outcome =
+      Wire::converse(handshake, join({Wire::clientFlags(), option(Option::go, infoData("none")),
+                                      option(Option::go, infoData("disk")), option(Option::list)}));
+  EXPECT_EQ(outcome.state, State::negotiating);
+  const auto replies = Wire::parseReplies(outcome.output);
+  ASSERT_TRUE(replies);
+  ASSERT_EQ(replies->size(), 4U);
+  EXPECT_EQ(replies->at(0).type, unknown);
+  EXPECT_EQ(replies->at(1).type, ReplyType::policy);
+  EXPECT_EQ(Nbd::asText(replies->at(1).data), "not for you");
+  EXPECT_EQ(replies->at(2).type, server) << "it may know that it is there";
+
+  ServerHandshake old(directory, {});
+  EXPECT_EQ(Wire::converse(old, join({Wire::clientFlags(), option(Option::exportName, text("disk"))})).state,
+            State::failed);
+}
+
 TEST(ServerGo, UnfragmentedReadsNeedStructuredReplies) {
   const Conversation without(option(Option::go, infoData("disk")));
   EXPECT_EQ(without.handshake.agreement().exportView.transmissionFlags, offeredWithoutDf);
