@@ -8,28 +8,18 @@
 
 #include <cerrno>
 #include <charconv>
-#include <cstdio>
 #include <system_error>
 #include <utility>
 
 #include "nbdd/config/read_file.h"
 #include "nbdd/limits.h"
+#include "nbdd/state/replace_file.h"
 
 namespace Nbdd {
 
 namespace {
 
 std::string words(int error) { return std::generic_category().message(error); }
-
-int writeAll(int descriptor, std::string_view text) {
-  while (!text.empty()) {
-    const ssize_t written = ::write(descriptor, text.data(), text.size());
-    if (written < 0 && errno == EINTR) continue;
-    if (written < 0) return errno;
-    text.remove_prefix(static_cast<std::size_t>(written));
-  }
-  return 0;
-}
 
 }  // namespace
 
@@ -76,30 +66,16 @@ std::expected<void, Control::Failure> StateStore::save(const SavedState& state) 
 }
 
 int StateStore::replace(std::string_view text, bool& renamed) const {
-  const std::filesystem::path next = directory_ / "state.json.new";
-  Io::FileDescriptor descriptor(
-      ::open(next.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600));
-  if (!descriptor) return errno;
-  int error = writeAll(descriptor.number(), text);
-  if (error == 0 && ::fsync(descriptor.number()) != 0) error = errno;
-  descriptor.reset();
-  if (error == 0 && std::rename(next.c_str(), file().c_str()) != 0) error = errno;
-  if (error != 0) {
-    ::unlink(next.c_str());
-    return error;
-  }
-  renamed = true;
-  const Io::FileDescriptor directory(::open(directory_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!directory || ::fsync(directory.number()) != 0) return errno;
-  return 0;
+  return replaceFile(directory_, file().filename(), text, renamed);
 }
 
 std::expected<InstanceLock, int> InstanceLock::take(const std::filesystem::path& file) {
   Io::FileDescriptor descriptor(::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
   if (!descriptor || ::flock(descriptor.number(), LOCK_EX | LOCK_NB) != 0) return std::unexpected(errno);
   // Where there is no room even for this, an empty file is better than the number of a predecessor.
+  const std::string holder = fmt::format("{}\n", ::getpid());
   static_cast<void>(::ftruncate(descriptor.number(), 0) == 0 &&
-                    writeAll(descriptor.number(), fmt::format("{}\n", ::getpid())) == 0);
+                    ::write(descriptor.number(), holder.data(), holder.size()) > 0);
   return InstanceLock(std::move(descriptor));
 }
 
