@@ -69,6 +69,7 @@ enum class FailureCode : std::uint32_t {
   wrongPassword = 0x61,
   reservedByOther = 0x62,
   reservationDisabled = 0x63,
+  tooManyAttempts = 0x64,
 };
 
 /// An operating error: what programs test, and one sentence for people that says what went wrong with what.

@@ -59,6 +59,7 @@ TEST(FailureTest, NumbersStay) {
   EXPECT_EQ(static_cast<unsigned>(FailureCode::extensionMissing), 0x57U);
   EXPECT_EQ(static_cast<unsigned>(FailureCode::notReserved), 0x60U);
   EXPECT_EQ(static_cast<unsigned>(FailureCode::reservationDisabled), 0x63U);
+  EXPECT_EQ(static_cast<unsigned>(FailureCode::tooManyAttempts), 0x64U);
 }
 
 // The header's enumerators, as a reader of the file sees them, are the table's rows.
