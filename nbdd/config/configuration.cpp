@@ -207,6 +207,25 @@ std::expected<void, std::string> readDiscovery(const toml::table& table, std::st
   return {};
 }
 
+std::expected<void, std::string> readReservations(const toml::table& table, std::string_view file,
+                                                  Configuration& configuration) {
+  for (const auto& [key, node] : table) {
+    if (key != "lease") {
+      return failAt(file, key.source(),
+                    fmt::format("there is no setting '{}' in [reservations]: take it out, or write 'lease'",
+                                escaped(key.str())));
+    }
+    const std::optional<std::int64_t> seconds = node.value_exact<std::int64_t>();
+    if (!seconds || *seconds < Limits::shortestLease.count() || *seconds > Limits::longestLease.count()) {
+      return failAt(file, node.source(),
+                    fmt::format("'lease' must be a whole number of seconds from {} to {}",
+                                Limits::shortestLease.count(), Limits::longestLease.count()));
+    }
+    configuration.lease = std::chrono::seconds(*seconds);
+  }
+  return {};
+}
+
 /// `text` with a question mark for each character beyond ASCII. The library's tables of such characters run
 /// into unreachable code for some of them. They matter nowhere but in comments: no key and no value of ours
 /// has any, so a question mark there is as wrong as the character was.
@@ -259,11 +278,10 @@ std::expected<Configuration, std::string> parseConfiguration(std::string_view te
   }
   Configuration configuration;
   for (const auto& [key, node] : parsed.table()) {
-    const bool server = key == "server";
-    if (!server && key != "discovery") {
+    if (key != "server" && key != "discovery" && key != "reservations") {
       return failAt(file, key.source(),
                     fmt::format("there is no section or setting '{}': take it out, or put settings in "
-                                "[server] or [discovery]",
+                                "[server], [discovery] or [reservations]",
                                 escaped(key.str())));
     }
     const toml::table* const section = node.as_table();
@@ -272,8 +290,14 @@ std::expected<Configuration, std::string> parseConfiguration(std::string_view te
           file, node.source(),
           fmt::format("'{}' must be a section: write [{}] above its settings", key.str(), key.str()));
     }
-    auto read =
-        server ? readServer(*section, file, configuration) : readDiscovery(*section, file, configuration);
+    std::expected<void, std::string> read;
+    if (key == "server") {
+      read = readServer(*section, file, configuration);
+    } else if (key == "discovery") {
+      read = readDiscovery(*section, file, configuration);
+    } else {
+      read = readReservations(*section, file, configuration);
+    }
     if (!read) return Failure(std::move(read.error()));
   }
   return configuration;

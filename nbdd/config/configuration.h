@@ -8,6 +8,8 @@
 #include <string_view>
 #include <vector>
 
+#include "nbdd/limits.h"
+
 namespace Nbdd {
 
 /// The port that the NBD protocol has by its registration.
@@ -21,6 +23,8 @@ struct Configuration {
   std::vector<std::string> listen;
   /// TCP port; 0 takes any free one.
   std::uint16_t port = nbdPort;
+  /// How long a reservation of this server lasts unless its holder renews it.
+  std::chrono::seconds lease = Limits::usualLease;
 
   /// Whether servers are found in the local network, and this one is announced there.
   bool discovery = true;

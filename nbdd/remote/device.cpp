@@ -9,6 +9,7 @@
 #include "nbd/contract.h"
 #include "nbd/extension_inquiry.h"
 #include "nbdd/log/log.h"
+#include "nbdd/reservations/presentation.h"
 
 // Each link is a coroutine that keeps one connection: dials, uses it until it ends, pauses, dials again.
 // Requests wait in one queue and go to the connection that has the fewest. Those of a connection that has
@@ -79,15 +80,20 @@ Io::Task<void> Device::keepConnected(std::size_t number) {
   while (!stopping_) {
     Dialler dialler(loop_, options_.server, options_.patience);
     link.dialler = &dialler;
-    Nbd::Extension::Inquiry inquiry(
-        {.self = options_.self,
-         .compression = Nbd::Extension::Compression{.blockLength = Limits::compressionBlock}});
     const bool compression = compression_;
-    Io::Task<DialResult> dialling = dialler.dial({.exportName = options_.exportName,
-                                                  .extendedHeaders = true,
-                                                  .dialogue = compression ? &inquiry : nullptr});
+    Nbd::Extension::Inquiry::Wish wish;
+    wish.self = options_.self;
+    if (compression) wish.compression = Nbd::Extension::Compression{.blockLength = Limits::compressionBlock};
+    Nbd::Extension::Inquiry inquiry(std::move(wish));
+    Reservations::Presentation presentation(inquiry, options_.reservations,
+                                            [&dialler] { return dialler.channelBinding(); });
+    Nbd::Extension::Dialogue* dialogue = presentation.dialogue();
+    if (dialogue == nullptr && compression) dialogue = &inquiry;
+    Io::Task<DialResult> dialling =
+        dialler.dial({.exportName = options_.exportName, .extendedHeaders = true, .dialogue = dialogue});
     DialResult dialled = co_await dialling;
     link.dialler = nullptr;
+    presentation.conclude();
     if (dialled) dialled->compression = inquiry.findings().compression;
     if (dialled && compression != compression_) continue;  // switched meanwhile
     if (stopping_) break;

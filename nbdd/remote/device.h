@@ -25,6 +25,7 @@
 #include "nbdd/remote/connection.h"
 #include "nbdd/remote/dialler.h"
 #include "nbdd/remote/request.h"
+#include "nbdd/reservations/records.h"
 
 namespace Nbdd::Remote {
 
@@ -50,6 +51,7 @@ class Device {
     Backoff::Pauses pauses = {};
     std::chrono::milliseconds settleTime = Limits::settleTime;
     std::optional<Geometry> geometry = {};  ///< of an export that is known already: that or none
+    Reservations::Records* reservations = nullptr;  ///< leases, to be shown to their servers; outlive this
   };
 
   /// What users of the device have to know, on the loop's thread. None of them may destroy the device.

@@ -52,6 +52,9 @@ class Dialler {
   /// Once. The failure says what went wrong with whom, in words for the operator.
   Io::Task<DialResult> dial(Nbd::ClientHandshake::Wish wish);
 
+  /// What binds proofs to the channel that the handshake goes over; nothing in the clear.
+  std::optional<std::string> channelBinding() const { return std::nullopt; }
+
   /// Ends it soon, wherever it is, with a failure.
   void cancel();
 

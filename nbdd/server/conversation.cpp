@@ -93,11 +93,45 @@ class Conversation::Later final : public Answer {
   std::unique_ptr<Answer> answer_;
 };
 
-Conversation::Conversation(const ExtensionService& service, const ExportTable& table,
-                           std::function<void()> wake)
-    : service_(service), table_(table), ear_(std::make_shared<Ear>(std::move(wake))) {}
+/// What the desk says. The lease that it has seen proven counts from the moment at which the client is told.
+class Conversation::Told final : public Answer {
+ public:
+  Told(std::optional<Reservations::LeaseId>& lease, Reservations::Told told)
+      : lease_(lease), told_(std::move(told)) {}
 
-Conversation::~Conversation() { ear_->close(); }
+  Step next(std::vector<std::byte>& body) override {
+    if (isTold_) return Step::end;
+    if (!told_.body) return Step::refusal;
+    isTold_ = true;
+    body = std::move(*told_.body);
+    if (told_.lease) lease_ = told_.lease;
+    return Step::message;
+  }
+  Nbd::Extension::Refusal refusal() const override {
+    return {.type = ReplyType::invalid, .text = "malformed request of the extension, or out of place"};
+  }
+
+ private:
+  std::optional<Reservations::LeaseId>& lease_;
+  Reservations::Told told_;
+  bool isTold_ = false;
+};
+
+Conversation::Conversation(const ExtensionService& service, const ExportTable& table,
+                           Reservations::Client client, std::function<void()> wake)
+    : service_(service),
+      table_(table),
+      ear_(std::make_shared<Ear>(std::move(wake))),
+      client_(std::move(client)) {}
+
+Conversation::~Conversation() {
+  ear_->close();
+  finished();
+}
+
+void Conversation::finished() {
+  if (std::exchange(askedDesk_, false)) service_.leftDesk(client_.id);
+}
 
 std::shared_ptr<Conversation::Outcome> Conversation::newOutcome() const {
   return std::make_shared<Outcome>(ear_);
@@ -124,6 +158,7 @@ std::unique_ptr<Answer> Conversation::answer(Kind kind, Nbd::Bytes body) {
     case Kind::compression:
       return agreeOnCompression(body);
     default:
+      if (kind >= Kind::reserve && kind <= Kind::reserveLast && service_.askDesk) return askDesk(kind, body);
       return refused({.type = ReplyType::unsupported, .text = "this server does not know that request"});
   }
 }
@@ -162,6 +197,16 @@ std::unique_ptr<Answer> Conversation::agreeOnCompression(Nbd::Bytes body) {
     return refused({.type = ReplyType::unsupported, .text = "transfers are not compressed so here"});
   compression_ = *wanted;
   return answered(encodeCompression(*compression_));
+}
+
+std::unique_ptr<Answer> Conversation::askDesk(Kind kind, Nbd::Bytes body) {
+  auto outcome = newOutcome();
+  askedDesk_ = true;
+  service_.askDesk(client_, kind, std::vector(body.begin(), body.end()),
+                   [outcome, &lease = lease_](Reservations::Told told) {
+                     outcome->set(std::make_unique<Told>(lease, std::move(told)));
+                   });
+  return std::make_unique<Later>(std::move(outcome));
 }
 
 }  // namespace Nbdd

@@ -12,6 +12,7 @@
 #include "nbd/extension_peers.h"
 #include "nbdd/exports/publication.h"
 #include "nbdd/io/thread_pool.h"
+#include "nbdd/reservations/desk.h"
 #include "nbdd/server/export_table.h"
 
 namespace Nbdd {
@@ -32,6 +33,12 @@ struct ExtensionService {
   std::function<Evaluation(std::span<const std::byte> expression, Publications exports)> evaluate;
   /// Where many exports are looked through. Never null where the extension is spoken.
   Io::ThreadPool* searches = nullptr;
+  /// Asks the desk on the control loop; the answer is told there. Empty: this server cannot be reserved.
+  std::function<void(Reservations::Client client, Nbd::Extension::Kind kind, std::vector<std::byte> body,
+                     Reservations::Tell tell)>
+      askDesk;
+  /// Tells the desk that the client's handshake is over.
+  std::function<void(std::uint64_t client)> leftDesk;
 };
 
 /// The server's side of the extension on one connection: answers what the client asks, and keeps what was
@@ -40,7 +47,8 @@ class Conversation final : public Nbd::Extension::Handler {
  public:
   /// `wake` is called, on any thread but never after this has been destroyed, when an answer that was waited
   /// for has come. All else outlives this.
-  Conversation(const ExtensionService& service, const ExportTable& table, std::function<void()> wake);
+  Conversation(const ExtensionService& service, const ExportTable& table, Reservations::Client client,
+               std::function<void()> wake);
   ~Conversation() override;
   Conversation(const Conversation&) = delete;
   Conversation& operator=(const Conversation&) = delete;
@@ -50,9 +58,16 @@ class Conversation final : public Nbd::Extension::Handler {
   /// What was agreed on about compressed transfers.
   const std::optional<Nbd::Extension::Compression>& compression() const { return compression_; }
 
+  /// The lease of this server that the client has proven to hold.
+  const std::optional<Reservations::LeaseId>& lease() const { return lease_; }
+
+  /// The handshake is over: the client asks nothing more.
+  void finished();
+
  private:
   using Answer = Nbd::Extension::Answer;
   class Later;
+  class Told;
   class Ear;
   struct Outcome;
 
@@ -61,6 +76,7 @@ class Conversation final : public Nbd::Extension::Handler {
   std::unique_ptr<Answer> exports();
   std::unique_ptr<Answer> evaluate(Nbd::Bytes body);
   std::unique_ptr<Answer> agreeOnCompression(Nbd::Bytes body);
+  std::unique_ptr<Answer> askDesk(Nbd::Extension::Kind kind, Nbd::Bytes body);
 
   std::shared_ptr<Outcome> newOutcome() const;
   std::unique_ptr<Answer> search(std::move_only_function<std::unique_ptr<Answer>()> job);
@@ -69,6 +85,9 @@ class Conversation final : public Nbd::Extension::Handler {
   const ExportTable& table_;
   const std::shared_ptr<Ear> ear_;
   std::optional<Nbd::Extension::Compression> compression_;
+  const Reservations::Client client_;
+  bool askedDesk_ = false;
+  std::optional<Reservations::LeaseId> lease_;
 };
 
 }  // namespace Nbdd

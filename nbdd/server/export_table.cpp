@@ -101,9 +101,32 @@ std::vector<std::shared_ptr<const Publication>> ExportTable::publications() cons
   return all;
 }
 
+void ExportTable::admitOnly(std::optional<Reservations::LeaseId> lease) {
+  const std::lock_guard lock(mutex_);
+  reserved_ = true;
+  lease_ = lease;
+}
+
+void ExportTable::admitAll() {
+  const std::lock_guard lock(mutex_);
+  reserved_ = false;
+}
+
+bool ExportTable::admits(const std::optional<Reservations::LeaseId>& lease) const {
+  const std::lock_guard lock(mutex_);
+  return isAdmitted(lease);
+}
+
+bool ExportTable::isAdmitted(const std::optional<Reservations::LeaseId>& lease) const {
+  return !reserved_ || (lease_ && lease == lease_);
+}
+
 ExportTable::Attachment ExportTable::attach(const std::shared_ptr<const Publication>& publication,
                                             AttachedSession session, std::function<void()> wake) {
   const std::lock_guard lock(mutex_);
+  if (!isAdmitted(session.lease)) {
+    return Attachment::reserved;
+  }
   const auto current = published_.find(publication->name);
   if (current == published_.end() || current->second != publication) {
     return Attachment::withdrawn;
@@ -172,6 +195,15 @@ std::vector<AttachedSession> ExportTable::sessions(Control::ExportId id) const {
   std::vector<AttachedSession> sessions;
   if (const auto found = usage_.find(id); found != usage_.end()) {
     std::ranges::copy(found->second.sessions | std::views::values, std::back_inserter(sessions));
+  }
+  return sessions;
+}
+
+std::vector<AttachedSession> ExportTable::sessions() const {
+  const std::lock_guard lock(mutex_);
+  std::vector<AttachedSession> sessions;
+  for (const auto& [id, usage] : usage_) {
+    std::ranges::copy(usage.sessions | std::views::values, std::back_inserter(sessions));
   }
   return sessions;
 }

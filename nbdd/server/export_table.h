@@ -16,6 +16,7 @@
 #include "nbd/export_view.h"
 #include "nbdd/exports/publication.h"
 #include "nbdd/io/file_descriptor.h"
+#include "nbdd/reservations/lease.h"
 
 namespace Nbdd {
 
@@ -30,6 +31,7 @@ struct AttachedSession {
   Worker* worker = nullptr;
   int socket = -1;  // stays open while the session is attached
   Control::Endpoint peer;
+  std::optional<Reservations::LeaseId> lease = std::nullopt;  // that the client has proven to hold
 };
 
 /// The published exports and who uses them: the one place where the control thread and the workers meet. Any
@@ -56,7 +58,16 @@ class ExportTable final : public Nbd::ExportDirectory {
     mustWait,
     overtaken,         // a younger session came first, and this one's client has gone
     outOfDescriptors,  // the system has none left to watch the session with
+    reserved,          // the server is reserved, and not for this session's client
   };
+
+  /// From now on only sessions that have proven this lease are attached; none at all for no lease. Those that
+  /// are attached stay.
+  void admitOnly(std::optional<Reservations::LeaseId> lease);
+  /// From now on everybody is.
+  void admitAll();
+  /// Whether a session that has proven this lease, or none, would be.
+  bool admits(const std::optional<Reservations::LeaseId>& lease) const;
 
   /// Registers a session with the publication it found before.
   ///
@@ -70,6 +81,8 @@ class ExportTable final : public Nbd::ExportDirectory {
   void detach(Control::ExportId id, SessionId session);
 
   std::vector<AttachedSession> sessions(Control::ExportId id) const;
+  /// Of all exports together.
+  std::vector<AttachedSession> sessions() const;
   /// Those of them whose peer is gone: whom a session that must wait is waiting for. When they are hundreds,
   /// some.
   std::vector<AttachedSession> sessionsOfGonePeers(Control::ExportId id) const;
@@ -88,8 +101,12 @@ class ExportTable final : public Nbd::ExportDirectory {
 
   std::shared_ptr<const Publication> findPublication(std::string_view name) const;
 
+  bool isAdmitted(const std::optional<Reservations::LeaseId>& lease) const;
+
   const LastLeft lastLeft_;
   mutable std::mutex mutex_;
+  bool reserved_ = false;                       // only sessions with the lease are attached
+  std::optional<Reservations::LeaseId> lease_;  // if that is so
   std::map<std::string, std::shared_ptr<const Publication>, std::less<>> published_;  // by name
   std::unordered_map<Control::ExportId, std::string> names_;                          // of the published ones
   std::unordered_map<Control::ExportId, Usage> usage_;

@@ -33,6 +33,7 @@ struct Server::State : std::enable_shared_from_this<Server::State> {
   std::size_t connections = 0;
   std::multimap<Control::ExportId, Io::Function> whenExportIsFree;
   std::vector<Io::Function> whenAllIsClosed;
+  std::vector<Io::Function> whenCleared;
 
   /// Runs `function` on the control loop, if the server still exists then.
   void postToControl(std::move_only_function<void(State&)> function) {
@@ -62,6 +63,7 @@ struct Server::State : std::enable_shared_from_this<Server::State> {
           told(std::make_shared<std::vector<Nbd::Extension::Property>>(state.events.properties()));
         });
       };
+      if (events.askDesk) connectDesk();
       workerEvents.extension = &extension;
     }
     const unsigned int count =
@@ -69,6 +71,18 @@ struct Server::State : std::enable_shared_from_this<Server::State> {
     for (unsigned int index = 0; index < count; ++index) {
       workers.push_back(std::make_unique<Worker>(*table, pool, options.allowRing, workerEvents));
     }
+  }
+
+  void connectDesk() {
+    extension.self.capabilities |= Nbd::Extension::Capability::reservation;
+    extension.askDesk = [this](Reservations::Client client, Nbd::Extension::Kind kind,
+                               std::vector<std::byte> body, Reservations::Tell tell) {
+      postToControl([client = std::move(client), kind, body = std::move(body), tell = std::move(tell)](
+                        State& state) mutable { state.events.askDesk(client, kind, body, std::move(tell)); });
+    };
+    extension.leftDesk = [this](std::uint64_t client) {
+      postToControl([client](State& state) { state.events.leftDesk(client); });
+    };
   }
 
   void adopt(Io::FileDescriptor socket, Control::Endpoint peer) {
@@ -93,6 +107,11 @@ struct Server::State : std::enable_shared_from_this<Server::State> {
   }
 
   void lastClientLeft(Control::ExportId id) {
+    if (table->sessionCount() == 0) {
+      for (Io::Function& cleared : std::exchange(whenCleared, {})) {
+        cleared();
+      }
+    }
     if (table->sessionCount(id) != 0) {
       return;  // somebody came meanwhile
     }
@@ -173,6 +192,34 @@ void Server::endSessions(Control::ExportId id, Io::Function done) {
   state_->whenExportIsFree.emplace(id, std::move(done));
   for (const AttachedSession& session : sessions) {
     session.worker->endSession(session.id);
+  }
+}
+
+void Server::clear(Io::Function cleared) {
+  state_->table->admitOnly(std::nullopt);
+  const std::vector<AttachedSession> sessions = state_->table->sessions();
+  if (sessions.empty()) {
+    state_->loop.post(std::move(cleared));
+    return;
+  }
+  state_->whenCleared.push_back(std::move(cleared));
+  for (const AttachedSession& session : sessions) {
+    session.worker->endSession(session.id);
+  }
+}
+
+void Server::admitOnly(const Reservations::LeaseId& lease) { state_->table->admitOnly(lease); }
+
+void Server::admitAll() {
+  state_->whenCleared.clear();
+  state_->table->admitAll();
+}
+
+void Server::endHolder(const Reservations::LeaseId& lease) {
+  for (const AttachedSession& session : state_->table->sessions()) {
+    if (session.lease == lease) {
+      session.worker->endSession(session.id);
+    }
   }
 }
 

@@ -14,6 +14,7 @@
 #include "control/records.h"
 #include "nbdd/exports/publication.h"
 #include "nbdd/io/event_loop.h"
+#include "nbdd/reservations/gate.h"
 #include "nbdd/server/conversation.h"
 
 namespace Nbdd {
@@ -29,7 +30,7 @@ struct ListenConfiguration {
 ///
 /// All functions belong to the thread of the control loop, and all callbacks are called on it. Nothing here
 /// waits: what takes time ends with a callback.
-class Server {
+class Server final : public Reservations::Gate {
  public:
   struct Options {
     unsigned int workers = 0;  // threads with an event loop each; 0 = one per processor
@@ -45,12 +46,17 @@ class Server {
     std::move_only_function<void(Control::ExportId, int error)> storageFailed;
     /// The server's properties, for clients that ask by the extension.
     std::move_only_function<std::vector<Nbd::Extension::Property>()> properties = nullptr;
+    /// What clients ask about reservations by the extension; without it the server cannot be reserved.
+    std::move_only_function<void(const Reservations::Client&, Nbd::Extension::Kind,
+                                 const std::vector<std::byte>& body, Reservations::Tell)>
+        askDesk = nullptr;
+    std::move_only_function<void(std::uint64_t client)> leftDesk = nullptr;
   };
 
   /// Starts the worker threads. Throws std::system_error if the system refuses (start-up only).
   Server(Io::EventLoop& loop, Options options, Events events);
   /// Ends all sessions hard and joins the threads. Call `close` first, and await it, for a clean end.
-  ~Server();
+  ~Server() override;
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
 
@@ -76,6 +82,11 @@ class Server {
   /// Lets every session of the export finish the requests that run, ends it, and calls `done` when the last
   /// has ended (at once, but never inside this call, when there is none). Withdraw first.
   void endSessions(Control::ExportId id, Io::Function done);
+
+  void clear(Io::Function cleared) override;
+  void admitOnly(const Reservations::LeaseId& lease) override;
+  void admitAll() override;
+  void endHolder(const Reservations::LeaseId& lease) override;
 
   /// The clients that use the export now.
   std::vector<Control::ExportClientInfo> clients(Control::ExportId id) const;

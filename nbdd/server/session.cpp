@@ -5,6 +5,7 @@
 
 #include "nbdd/limits.h"
 #include "nbdd/log/log.h"
+#include "nbdd/server/admitted_directory.h"
 #include "nbdd/server/worker.h"
 
 namespace Nbdd {
@@ -63,9 +64,11 @@ Io::Task<std::optional<Session::Agreement>> Session::negotiate() {
   using State = Nbd::ServerHandshake::State;
   if (const ExtensionService* const extension = worker_.events().extension) {
     conversation_ = std::make_unique<Conversation>(
-        *extension, worker_.table(), [worker = &worker_, id = id_] { worker->wakeSession(id); });
+        *extension, worker_.table(), Reservations::Client{.id = id_, .address = peer_.address, .binding = {}},
+        [worker = &worker_, id = id_] { worker->wakeSession(id); });
   }
-  Nbd::ServerHandshake handshake(worker_.table(), {}, conversation_.get());
+  const AdmittedDirectory directory(worker_.table(), worker_.table(), conversation_);
+  Nbd::ServerHandshake handshake(directory, {}, conversation_.get());
   std::vector<std::byte> output;
   handshake.greet(output);
   std::size_t used = 0;  // of what was received, from its front
@@ -141,9 +144,14 @@ Io::Task<bool> Session::receiveMore() {
 
 Io::Task<bool> Session::attach(std::shared_ptr<const Publication> publication) {
   for (;;) {
-    const ExportTable::Attachment attachment = worker_.table().attach(
-        publication, {.id = id_, .worker = &worker_, .socket = stream_.descriptor(), .peer = peer_},
-        [worker = &worker_, id = id_] { worker->wakeSession(id); });
+    const ExportTable::Attachment attachment =
+        worker_.table().attach(publication,
+                               {.id = id_,
+                                .worker = &worker_,
+                                .socket = stream_.descriptor(),
+                                .peer = peer_,
+                                .lease = conversation_ ? conversation_->lease() : std::nullopt},
+                               [worker = &worker_, id = id_] { worker->wakeSession(id); });
     if (attachment == ExportTable::Attachment::outOfDescriptors) {
       log(LogLevel::warning, "out-of-descriptors",
           "export {}: turned client {} port {} away: no descriptors are left",
@@ -165,6 +173,9 @@ Io::Task<bool> Session::attach(std::shared_ptr<const Publication> publication) {
 
 Io::Task<void> Session::serve(Agreement agreement) {
   const auto publication = std::static_pointer_cast<const Publication>(agreement.exportView.handle);
+  if (conversation_) {
+    conversation_->finished();
+  }
   Io::Task<bool> attaching = attach(publication);
   const bool attached = co_await attaching;
   deadline_.cancel();

@@ -57,6 +57,7 @@ Application::Application(Options options, Locations locations, Configuration con
       locations_(std::move(locations)),
       configuration_(std::move(configuration)),
       store_(locations_.stateDirectory),
+      reservationStore_(locations_.stateDirectory),
       signals_(loop_, [this](int signal) { onSignal(signal); }),
       supervisor_(loop_),
       deadline_(loop_, [this] { giveUp(); }),
@@ -79,12 +80,15 @@ StartUp<void> Application::start() {
 
   auto state = loadState(store_);
   if (!state) return std::unexpected(std::move(state.error()));
+  auto reservations = reservationStore_.load();
+  if (!reservations) return std::unexpected(StartUpFailure{std::move(reservations.error())});
+  reservations_.emplace(reservationStore_, std::move(*reservations));
   auto listener = listenForControl();
   if (!listener) return std::unexpected(std::move(listener.error()));
 
-  service_ = std::make_unique<LocalService>(loop_, store_, std::move(*state),
-                                            locations_.runtimeDirectory / "imports",
-                                            listening(configuration_), *storage, discovery(configuration_));
+  service_ = std::make_unique<LocalService>(
+      loop_, store_, std::move(*state), locations_.runtimeDirectory / "imports", listening(configuration_),
+      *reservations_, configuration_.lease, *storage, discovery(configuration_));
   service_->restore();
   control_ =
       std::make_unique<ControlServer>(loop_, *service_, identity(), std::move(*listener),

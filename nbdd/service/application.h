@@ -9,6 +9,7 @@
 #include "nbdd/control/control_server.h"
 #include "nbdd/io/event_loop.h"
 #include "nbdd/io/scope.h"
+#include "nbdd/reservations/records.h"
 #include "nbdd/service/control_place.h"
 #include "nbdd/service/local_service.h"
 #include "nbdd/service/options.h"
@@ -55,6 +56,8 @@ class Application {
 
   std::optional<InstanceLocks> locks_;
   StateStore store_;
+  Reservations::Store reservationStore_;
+  std::optional<Reservations::Records> reservations_;
   Io::EventLoop loop_;
   Signals signals_;
   Supervisor supervisor_;

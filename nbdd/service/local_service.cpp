@@ -20,13 +20,6 @@ using Control::Answer;
 using Control::Failure;
 using Control::FailureCode;
 
-/// Answers an operation that a later version brings.
-template <class T>
-void answerNotSupported(Answer<T>& answer, std::string_view what) {
-  answer(std::unexpected(
-      Failure{FailureCode::notSupported, fmt::format("{} not available in this version", what)}));
-}
-
 constexpr std::uint16_t usualPort = 10809;
 
 Nbd::Extension::Hello helloOf(const SavedState& state) {
@@ -45,12 +38,19 @@ Failure invalidExpression(const DiskSpec::Error& error) {
                       DiskSpec::sentenceOf(error.number), static_cast<unsigned>(error.number), error.offset)};
 }
 
+Reservations::Desk::Options deskOptions(std::chrono::seconds leaseTime) {
+  Reservations::Desk::Options options = Reservations::Desk::usualOptions();
+  options.lease = leaseTime;
+  return options;
+}
+
 Failure endingFailure() { return {FailureCode::serviceStopping, "the service is about to end"}; }
 
 }  // namespace
 
 LocalService::LocalService(Io::EventLoop& loop, StateStore& store, SavedState state,
                            std::filesystem::path nodes, ListenConfiguration listening,
+                           Reservations::Records& reservations, std::chrono::seconds leaseTime,
                            Server::Options serverOptions, Discovery::Options discovery)
     : loop_(loop),
       store_(store),
@@ -63,7 +63,11 @@ LocalService::LocalService(Io::EventLoop& loop, StateStore& store, SavedState st
           loop, withExtension(std::move(serverOptions)),
           {.lastClientLeft = [this](Control::ExportId id) { registry_.lastClientLeft(id); },
            .storageFailed = [this](Control::ExportId id, int error) { registry_.storageFailed(id, error); },
-           .properties = [this] { return Remote::flatten(namedProperties()); }}),
+           .properties = [this] { return Remote::flatten(namedProperties()); },
+           .askDesk = [this](const Reservations::Client& client, Nbd::Extension::Kind kind,
+                             const std::vector<std::byte>& body,
+                             Reservations::Tell tell) { desk_.ask(client, kind, body, std::move(tell)); },
+           .leftDesk = [this](std::uint64_t client) { desk_.left(client); }}),
       publisher_(server_),
       registry_(publisher_, [this] { return save(); }),
       imports_([this](const SavedImport& saved,
@@ -77,12 +81,17 @@ LocalService::LocalService(Io::EventLoop& loop, StateStore& store, SavedState st
                      Remote::Search::Answer answer) {
                 searches_.fetch(placeOf(endpoint), std::move(expression), std::move(answer));
               }),
-      discovery_(loop, std::move(discovery), saved_.serverUuid) {}
+      discovery_(loop, std::move(discovery), saved_.serverUuid),
+      reservations_(reservations),
+      desk_(loop, server_, reservations, deskOptions(leaseTime)),
+      remoteReservations_(loop, reservations, helloOf(saved_)) {}
 
 LocalService::~LocalService() = default;
 
 void LocalService::restore() {
   registry_.restore(saved_);
+  desk_.restore();
+  remoteReservations_.restore();
   imports_.restore(saved_);
   if (saved_.serverStarted) listenAgain();
 }
@@ -120,6 +129,7 @@ void LocalService::close(Io::Function done) {
   retry_.cancel();
   ended_ = std::move(done);
   if (!closing_) closeServer();
+  remoteReservations_.close();
   imports_.close([this] {
     importsClosed_ = true;
     endIfClosed();
@@ -147,7 +157,7 @@ void LocalService::closeServer() {
 
 bool LocalService::active() const {
   return saved_.serverStarted || closing_ || registry_.activeCount() > 0 || imports_.activeCount() > 0 ||
-         server_.connectionCount() > 0;
+         remoteReservations_.active() || server_.connectionCount() > 0;
 }
 
 std::string LocalService::summary() const {
@@ -244,26 +254,30 @@ void LocalService::serverDiscover(Answer<std::vector<Control::RemoteServerDescri
   discovery_.discover(std::move(answer));
 }
 
-void LocalService::serverEnableReservation(std::optional<std::string> /*password*/, Answer<void> answer) {
-  answerNotSupported(answer, "reservation is");
+// Reservations.
+
+void LocalService::serverEnableReservation(std::optional<std::string> password, Answer<void> answer) {
+  if (ending_) return answer(std::unexpected(endingFailure()));
+  desk_.setPassword(std::move(password), std::move(answer));
 }
 
 void LocalService::serverGetReservation(Answer<Control::LocalServerReservationInfo> answer) {
-  answerNotSupported(answer, "reservation is");
+  answer(desk_.holder());
 }
 
-void LocalService::serverReserveRemote(Control::RemoteServerReservationRequest /*request*/,
-                                       Answer<void> answer) {
-  answerNotSupported(answer, "reservation is");
+void LocalService::serverReserveRemote(Control::RemoteServerReservationRequest request, Answer<void> answer) {
+  if (ending_) return answer(std::unexpected(endingFailure()));
+  remoteReservations_.reserve(std::move(request), std::move(answer));
 }
 
-void LocalService::serverUnreserveRemote(Control::Endpoint /*endpoint*/, Answer<void> answer) {
-  answerNotSupported(answer, "reservation is");
+void LocalService::serverUnreserveRemote(Control::Endpoint endpoint, Answer<void> answer) {
+  if (ending_) return answer(std::unexpected(endingFailure()));
+  remoteReservations_.unreserve(std::move(endpoint), std::move(answer));
 }
 
 void LocalService::serverListRemoteReservations(
     Answer<std::vector<Control::RemoteServerReservationInfo>> answer) {
-  answerNotSupported(answer, "reservation is");
+  answer(remoteReservations_.list());
 }
 
 // Exports.
@@ -311,7 +325,8 @@ std::unique_ptr<ImportRun> LocalService::startImport(const SavedImport& saved, I
                                             .exportName = saved.name,
                                             .readOnly = saved.flags.has(Control::ImportFlag::forceReadOnly),
                                             .compression = saved_.transferCompression,
-                                            .self = helloOf(saved_)},
+                                            .self = helloOf(saved_),
+                                            .reservations = &reservations_},
                                  .directory = nodes_ / std::to_string(static_cast<std::uint32_t>(saved.id))};
   return std::make_unique<RunningImport>(loop_, std::move(options), std::move(events));
 }

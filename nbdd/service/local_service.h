@@ -14,6 +14,8 @@
 #include "nbdd/io/event_loop.h"
 #include "nbdd/remote/listings.h"
 #include "nbdd/remote/search.h"
+#include "nbdd/reservations/desk.h"
+#include "nbdd/reservations/remote_reservations.h"
 #include "nbdd/server/server.h"
 #include "nbdd/service/server_properties.h"
 #include "nbdd/state/state_store.h"
@@ -27,11 +29,13 @@ namespace Nbdd {
 /// belongs to the thread of the control loop.
 class LocalService final : public Control::Service {
  public:
-  /// Starts the server's threads. `store` and `loop` outlive this; `state` is what was loaded from `store`.
-  /// Throws std::system_error if the system refuses the threads (start-up only).
-  /// `nodes`: the directory for the nodes of imports; made when it is needed.
+  /// Starts the server's threads. `store`, `reservations` and `loop` outlive this; `state` is what was loaded
+  /// from `store`. Throws std::system_error if the system refuses the threads (start-up only). `nodes`: the
+  /// directory for the nodes of imports; made when it is needed. `leaseTime`: how long a reservation of this
+  /// server lasts without being renewed.
   LocalService(Io::EventLoop& loop, StateStore& store, SavedState state, std::filesystem::path nodes,
-               ListenConfiguration listening, Server::Options serverOptions = {},
+               ListenConfiguration listening, Reservations::Records& reservations,
+               std::chrono::seconds leaseTime, Server::Options serverOptions = {},
                Discovery::Options discovery = {});
   ~LocalService() override;
   LocalService(const LocalService&) = delete;
@@ -145,6 +149,9 @@ class LocalService final : public Control::Service {
   Remote::Listings searches_;  // of many servers, with less patience for each
   Remote::Search search_;
   Discovery::Discovery discovery_;
+  Reservations::Records& reservations_;
+  Reservations::Desk desk_;
+  Reservations::RemoteReservations remoteReservations_;
 };
 
 }  // namespace Nbdd

@@ -110,6 +110,34 @@ TEST_F(ExportTableTest, ListsWhatIsPublishedNow) {
   EXPECT_EQ(table_.list()->size(), 1U);
 }
 
+TEST_F(ExportTableTest, AReservedServerTakesOnlySessionsWithTheLease) {
+  const Connection connection;
+  publish(firstId, "one");
+  const Reservations::LeaseId held{std::byte{1}};
+  const Reservations::LeaseId other{std::byte{2}};
+  const auto attachWith = [&](SessionId session, std::optional<Reservations::LeaseId> lease) {
+    return table_.attach(held_.at(firstId),
+                         {.id = session, .socket = connection.server.number(), .peer = {}, .lease = lease},
+                         [] {});
+  };
+  table_.admitOnly(held);
+  EXPECT_FALSE(table_.admits(std::nullopt));
+  EXPECT_FALSE(table_.admits(other));
+  EXPECT_TRUE(table_.admits(held));
+  EXPECT_EQ(attachWith(1, std::nullopt), ExportTable::Attachment::reserved);
+  EXPECT_EQ(attachWith(2, other), ExportTable::Attachment::reserved);
+  EXPECT_EQ(attachWith(3, held), ExportTable::Attachment::attached);
+  EXPECT_EQ(table_.sessions().size(), 1U);
+
+  table_.admitOnly(std::nullopt);
+  EXPECT_EQ(attachWith(4, held), ExportTable::Attachment::reserved) << "nobody, while it is cleared";
+  EXPECT_EQ(attachWith(5, std::nullopt), ExportTable::Attachment::reserved);
+
+  table_.detach(firstId, 3);
+  table_.admitAll();
+  EXPECT_EQ(attachWith(6, std::nullopt), ExportTable::Attachment::attached);
+}
+
 TEST_F(ExportTableTest, NobodyAttachesToWhatIsWithdrawnOrPublishedAnew) {
   const Connection connection;
   publish(firstId, "one");

@@ -40,6 +40,7 @@ TEST(Configuration, EverySettingIsRead) {
   ASSERT_TRUE(configuration.has_value()) << configuration.error();
   EXPECT_EQ(configuration->listen, (std::vector<std::string>{"127.0.0.1", "::1", "fe80::1%eth0"}));
   EXPECT_EQ(configuration->port, 0);
+  EXPECT_EQ(parseConfiguration("[reservations]\nlease = 60\n", "nbdd.toml")->lease, std::chrono::seconds(60));
 }
 
 TEST(Configuration, SettingsOfDiscoveryAreRead) {
@@ -93,6 +94,11 @@ TEST(Configuration, MistakesAreToldWithTheirPlace) {
   expectErrorAt("2:11", "[server]\nlisten = [\"::1%\"]\n");
   expectErrorAt("2:11", "[server]\nlisten = [\"127.0.0.1\\u0000\"]\n");
   expectErrorAt("1:10", "server = 1\n");
+  expectErrorAt("1:16", "reservations = 1\n");
+  expectErrorAt("2:1", "[reservations]\nleese = 1\n");
+  expectErrorAt("2:9", "[reservations]\nlease = 0\n");
+  expectErrorAt("2:9", "[reservations]\nlease = 604801\n");
+  expectErrorAt("2:9", "[reservations]\nlease = \"300\"\n");
   EXPECT_FALSE(errorOf("[server\n").empty());
   expectErrorAt("1:2", "[(erver]\n");
   EXPECT_FALSE(errorOf("[server]\nport = 1\nport = 2\n").empty());
