@@ -15,8 +15,8 @@
 #include <span>
 #include <string>
 
-#include "nbdd/limits.h"
 #include "nbdd/reservations/dialogues.h"
+#include "nbdd/reservations/limits.h"
 
 namespace {
 

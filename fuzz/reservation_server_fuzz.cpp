@@ -14,8 +14,8 @@
 #include <span>
 #include <string>
 
-#include "nbdd/limits.h"
 #include "nbdd/reservations/desk.h"
+#include "nbdd/reservations/limits.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "nbdd/limits.h"
+#include "nbdd/reservations/limits.h"
 
 namespace Nbdd {
 

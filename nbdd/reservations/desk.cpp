@@ -4,9 +4,9 @@
 
 #include <utility>
 
-#include "nbdd/limits.h"
 #include "nbdd/log/log.h"
 #include "nbdd/reservations/digest.h"
+#include "nbdd/reservations/limits.h"
 
 namespace Nbdd::Reservations {
 

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "nbdd/limits.h"
+#include "nbdd/reservations/limits.h"
 
 namespace Nbdd::Reservations {
 

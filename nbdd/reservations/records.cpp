@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <utility>
 
-#include "nbdd/limits.h"
 #include "nbdd/log/log.h"
+#include "nbdd/reservations/limits.h"
 
 namespace Nbdd::Reservations {
 

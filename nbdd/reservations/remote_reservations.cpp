@@ -6,9 +6,9 @@
 #include <system_error>
 #include <utility>
 
-#include "nbdd/limits.h"
 #include "nbdd/log/log.h"
 #include "nbdd/remote/address.h"
+#include "nbdd/reservations/limits.h"
 
 namespace Nbdd::Reservations {
 

@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "nbdd/config/read_file.h"
-#include "nbdd/limits.h"
+#include "nbdd/reservations/limits.h"
 #include "nbdd/state/replace_file.h"
 
 namespace Nbdd::Reservations {

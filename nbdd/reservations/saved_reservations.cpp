@@ -14,7 +14,7 @@
 #include "control/json_writer.h"
 #include "nbd/bytes.h"
 #include "nbdd/exports/identity.h"
-#include "nbdd/limits.h"
+#include "nbdd/reservations/limits.h"
 
 namespace Nbdd::Reservations {
 

@@ -9,8 +9,8 @@
 #include <utility>
 
 #include "control/base64.h"
-#include "nbdd/limits.h"
 #include "nbdd/reservations/digest.h"
+#include "nbdd/reservations/limits.h"
 
 namespace Nbdd::Reservations {
 

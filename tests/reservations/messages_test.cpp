@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include "nbdd/limits.h"
 #include "nbdd/reservations/digest.h"
+#include "nbdd/reservations/limits.h"
 
 namespace Nbdd::Reservations {
 namespace {

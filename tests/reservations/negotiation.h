@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "nbd/extension_inquiry.h"
-#include "nbdd/limits.h"
 #include "nbdd/reservations/desk.h"
 #include "nbdd/reservations/dialogues.h"
+#include "nbdd/reservations/limits.h"
 #include "tests/support/service_process.h"
 
 namespace Nbdd::Reservations {

@@ -5,8 +5,8 @@
 
 #include <fstream>
 
-#include "nbdd/limits.h"
 #include "nbdd/reservations/digest.h"
+#include "nbdd/reservations/limits.h"
 #include "nbdd/reservations/reservation_store.h"
 #include "tests/support/service_process.h"
 

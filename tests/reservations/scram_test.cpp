@@ -5,8 +5,8 @@
 #include <string>
 
 #include "control/base64.h"
-#include "nbdd/limits.h"
 #include "nbdd/reservations/digest.h"
+#include "nbdd/reservations/limits.h"
 
 namespace Nbdd::Reservations {
 namespace {
