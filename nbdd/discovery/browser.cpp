@@ -28,6 +28,10 @@ constexpr std::chrono::seconds longestPause{300};
 /// the answers to the second count too.
 constexpr unsigned int secondAnswersMilliseconds = 300;
 
+/// By what the domain says, which is multicast. To demand it by AVAHI_LOOKUP_USE_MULTICAST makes the library
+/// fail an assertion on certain packets.
+constexpr AvahiLookupFlags asTheDomainSays{};
+
 std::string interfaceName(AvahiIfIndex interface) {
   std::array<char, IF_NAMESIZE> name{};
   if (::if_indextoname(static_cast<unsigned int>(interface), name.data()) == nullptr)
@@ -68,8 +72,7 @@ void Browser::askAgain() {
   // A new browser sees everything that is known as new; nothing is lost in between.
   browser_.reset();
   browser_.reset(avahi_s_service_browser_new(&multicast_, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, serviceType,
-                                             localDomain, static_cast<AvahiLookupFlags>(0),
-                                             &Browser::onBrowsed, this));
+                                             localDomain, asTheDomainSays, &Browser::onBrowsed, this));
   if (browser_) return;
   send_(Remark{LogLevel::warning, fmt::format("the local network cannot be searched: {}",
                                               avahi_strerror(avahi_server_errno(&multicast_)))});
@@ -152,10 +155,9 @@ void Browser::onRetry(AvahiTimeout* /*timeout*/, void* followed) {
 }
 
 void Browser::resolve(Followed& followed) {
-  followed.resolver.reset(
-      avahi_s_service_resolver_new(&multicast_, followed.heard.interface, followed.heard.protocol,
-                                   followed.heard.name.c_str(), serviceType, localDomain, AVAHI_PROTO_UNSPEC,
-                                   static_cast<AvahiLookupFlags>(0), &Browser::onResolved, &followed));
+  followed.resolver.reset(avahi_s_service_resolver_new(
+      &multicast_, followed.heard.interface, followed.heard.protocol, followed.heard.name.c_str(),
+      serviceType, localDomain, AVAHI_PROTO_UNSPEC, asTheDomainSays, &Browser::onResolved, &followed));
   if (!followed.resolver) notFound(followed);
 }
 

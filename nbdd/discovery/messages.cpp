@@ -143,6 +143,7 @@ Report readReport(Reader& reader) {
   if (reader.has("searched")) return Searched{};
   const auto level = reader.number<std::uint8_t>("level", static_cast<std::uint8_t>(LogLevel::info));
   reader.require(level >= static_cast<std::uint8_t>(LogLevel::error));
+  if (!reader.good()) return Remark{};
   return Remark{static_cast<LogLevel>(level), reader.text("remark", Limits::logLineLength)};
 }
 
