@@ -28,8 +28,8 @@ constexpr std::chrono::seconds longestPause{300};
 /// the answers to the second count too.
 constexpr unsigned int secondAnswersMilliseconds = 300;
 
-/// By what the domain says, which is multicast. To demand it by AVAHI_LOOKUP_USE_MULTICAST makes the library
-/// fail an assertion on certain packets.
+/// By what the domain says, which is multicast. With AVAHI_LOOKUP_USE_MULTICAST the library ended the process
+/// on some of the broken packets that the system tests send.
 constexpr AvahiLookupFlags asTheDomainSays{};
 
 std::string interfaceName(AvahiIfIndex interface) {
