@@ -233,6 +233,23 @@ inline constexpr std::size_t importInput = std::size_t{256} * 1024;
 /// Requests whose headers and data leave with one system call.
 inline constexpr std::size_t importSendBatch = 64;
 
+/// How long requests of programs wait at the kernel's block device while no service gives it a connection:
+/// enough for any restart of the service, and an end for whoever waits for one that never comes.
+inline constexpr std::chrono::seconds deadKernelConnection{120};
+
+/// How often the kernel looks after requests without an answer. After a restart of the service it asks again
+/// those that the old one had at the first look. Each look is a line in the kernel's log.
+inline constexpr std::chrono::seconds kernelRequestTick{10};
+
+/// Largest request of the kernel's block device, and how far it reads ahead: large enough to hide the way to
+/// the server.
+inline constexpr std::size_t kernelRequest = std::size_t{1024} * 1024;
+inline constexpr std::size_t kernelReadAhead = std::size_t{4096} * 1024;
+
+/// Pauses before the kernel is offered a connection again that it has not taken.
+inline constexpr std::chrono::milliseconds attachFirst{50};
+inline constexpr std::chrono::milliseconds attachLongest{1'000};
+
 /// Pauses before a lost connection is made again: from the first to the longest, doubling.
 inline constexpr std::chrono::milliseconds reconnectFirst{50};
 inline constexpr std::chrono::milliseconds reconnectLongest{10'000};

@@ -70,7 +70,7 @@ void FileNode::openLanes() {
   }
 }
 
-void FileNode::close() {
+void FileNode::close(NodeEnding /*ending*/) {
   if (std::exchange(closed_, true)) return;
   mount_.unmount();
   users_.count = 0;

@@ -27,7 +27,7 @@ class FileNode final : public NodeInterface {
   }
 
   Control::Result<std::filesystem::path> open() override;
-  void close() override;
+  void close(NodeEnding ending) override;
   Io::Task<void> closed() override;
   void setCompression(bool enable) override;
   std::size_t users() const override;

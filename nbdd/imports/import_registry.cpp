@@ -122,7 +122,7 @@ void ImportRegistry::disable(ImportId id, bool force, Control::Answer<void> answ
   const auto position = find(id);
   if (!position) return answer(std::unexpected(position.error()));
   const Import& subject = (*position)->second;
-  const bool inUse = subject.run && subject.run->status().inUse();
+  const bool inUse = subject.run && subject.run->statusWithUsers().inUse();
   handle(*position,
          force   ? ImportEvent::disableByForce
          : inUse ? ImportEvent::disableInUse
@@ -198,7 +198,7 @@ void ImportRegistry::handle(Imports::iterator position, ImportEvent event, Contr
   if (row->effect == ImportEffect::connect) connect(position);
   if (row->effect == ImportEffect::end) {
     if (subject.run) {
-      subject.run->end();
+      subject.run->end(NodeEnding::forGood);
     } else {
       ended(position->first);
     }
@@ -279,7 +279,7 @@ void ImportRegistry::failWaiting(Import& subject, const Control::Failure& why) {
 void ImportRegistry::close(std::move_only_function<void()> done) {
   closed_ = std::move(done);
   for (const auto& [id, subject] : imports_) {
-    if (subject.run) subject.run->end();
+    if (subject.run) subject.run->end(NodeEnding::untilRestart);
   }
   checkClosed();
 }
@@ -336,7 +336,7 @@ Control::Result<Control::Variant> ImportRegistry::nodeInterfaces(ImportId id) co
   if (!position) return std::unexpected(position.error());
   const Import& subject = (*position)->second;
   std::vector<NodeStatus> nodes;
-  if (subject.run) nodes = subject.run->status().nodes;
+  if (subject.run) nodes = subject.run->statusWithUsers().nodes;
   if (nodes.empty()) {
     for (const InterfaceKind& kind : interfaceKinds()) {
       NodeStatus& status = nodes.emplace_back();

@@ -18,6 +18,12 @@
 
 namespace Nbdd {
 
+/// What becomes of nodes that are taken away.
+enum class NodeEnding {
+  forGood,       ///< whoever uses them gets errors
+  untilRestart,  ///< this process ends; a node that can outlive it waits for the next, for whoever uses it
+};
+
 /// One means by which programs of this host reach the content of an import. Lives on the import's thread.
 class NodeInterface {
  public:
@@ -26,7 +32,7 @@ class NodeInterface {
   /// Makes the node; returns its path. `device` is connected, or was, and outlives it.
   virtual Control::Result<std::filesystem::path> open() = 0;
   /// Takes it away from whoever uses it, at once. Then await `closed` before it is destroyed.
-  virtual void close() = 0;
+  virtual void close(NodeEnding ending) = 0;
   virtual Io::Task<void> closed() = 0;
   /// Compresses transfers on connections of its own to the server, or does not; the device's are not meant.
   virtual void setCompression(bool /*enable*/) {}
@@ -39,16 +45,26 @@ struct NodeContext {
   Io::EventLoop& loop;
   Remote::Device& device;
   std::filesystem::path directory;  ///< the import's own, which is there
+  std::string identity;             ///< of the import, among all of all services, for ever
   std::function<void()> changed;    ///< to be called when users() has become another number
 };
 
-/// A kind of node.
+/// A kind of node. Where a function is null there is nothing that it could do.
 struct InterfaceKind {
   std::string_view name;
   /// What this host lacks for it, as a sentence; nothing if it lacks nothing. Any thread; must not block.
   std::optional<std::string> (*missing)();
   /// Not called while something is missing.
   std::unique_ptr<NodeInterface> (*make)(const NodeContext& context);
+  /// Looks for a node that a predecessor of this process has left to programs that use it, and makes them
+  /// wait for `open` in patience. Null: there is none. Called before the device was ever connected.
+  std::unique_ptr<NodeInterface> (*inherit)(const NodeContext& context) = nullptr;
+  /// Whether the node that was made at `path` is there still: others may take it away. Any thread; must not
+  /// block.
+  bool (*isThere)(const std::filesystem::path& path) = nullptr;
+  /// How many use the node at `path`, where the node itself is not told. Any thread; must not block; may take
+  /// some milliseconds.
+  std::size_t (*countUsers)(const std::filesystem::path& path) = nullptr;
 };
 
 /// All kinds, the best first.

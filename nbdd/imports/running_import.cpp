@@ -3,6 +3,7 @@
 #include <fmt/core.h>
 
 #include <algorithm>
+#include <iterator>
 #include <system_error>
 #include <utility>
 
@@ -34,24 +35,50 @@ RunningImport::RunningImport(Io::EventLoop& control, Options options, ImportEven
                      tell([why](const ImportEvents& listener) { listener.serverUnusable(why); });
                    },
                .changed = [this] { publishStatus(); }}) {
-  loop_.post([this] { device_.start(); });
+  loop_.post([this] {
+    inheritNodes();
+    device_.start();
+  });
   thread_ = std::thread([this] { loop_.run(); });
 }
 
 RunningImport::~RunningImport() {
   ear_->listening = false;
-  end();
+  end(NodeEnding::forGood);
   thread_.join();
 }
 
-void RunningImport::end() {
+void RunningImport::end(NodeEnding ending) {
   if (std::exchange(ending_, true)) return;
-  loop_.post([this] { scope_.spawn(endAll()); });
+  loop_.post([this, ending] { scope_.spawn(endAll(ending)); });
 }
 
 ImportStatus RunningImport::status() const {
-  const std::lock_guard lock(mutex_);
-  return status_;
+  ImportStatus status;
+  {
+    const std::lock_guard lock(mutex_);
+    status = status_;
+  }
+  for (std::size_t kind = 0; kind < status.nodes.size(); ++kind) {
+    NodeStatus& node = status.nodes[kind];
+    const auto isThere = interfaceKinds()[kind].isThere;
+    if (node.path.empty() || isThere == nullptr || isThere(node.path)) continue;
+    node.path.clear();
+    node.users = 0;
+    node.missing = "somebody has taken it away; disable the import and enable it again";
+  }
+  return status;
+}
+
+ImportStatus RunningImport::statusWithUsers() const {
+  ImportStatus now = status();
+  for (std::size_t kind = 0; kind < now.nodes.size(); ++kind) {
+    const auto countUsers = interfaceKinds()[kind].countUsers;
+    if (!now.nodes[kind].path.empty() && countUsers != nullptr) {
+      now.nodes[kind].users = countUsers(now.nodes[kind].path);
+    }
+  }
+  return now;
 }
 
 void RunningImport::setCompression(bool enable) {
@@ -68,6 +95,22 @@ void RunningImport::tell(std::move_only_function<void(const ImportEvents&)> even
 }
 
 // --- The import's thread
+
+NodeContext RunningImport::context() {
+  return {.loop = loop_,
+          .device = device_,
+          .directory = options_.directory,
+          .identity = options_.identity,
+          .changed = [this] { publishStatus(); }};
+}
+
+void RunningImport::inheritNodes() {
+  for (std::size_t kind = 0; kind < interfaceKinds().size(); ++kind) {
+    const auto inherit = interfaceKinds()[kind].inherit;
+    if (inherit == nullptr || interfaceKinds()[kind].missing()) continue;
+    if (auto interface = inherit(context())) inherited_.push_back({std::move(interface), kind});
+  }
+}
 
 void RunningImport::connected() {
   if (closing_) return;
@@ -92,10 +135,9 @@ void RunningImport::openNodes() {
     status.missing = interfaceKinds()[kind].missing();
     if (error) status.missing = fmt::format("its directory cannot be made: {}", error.message());
     if (status.missing) continue;
-    auto interface = interfaceKinds()[kind].make(
-        {.loop = loop_, .device = device_, .directory = options_.directory, .changed = [this] {
-           publishStatus();
-         }});
+    const auto inherited = std::ranges::find(inherited_, kind, &Node::kind);
+    auto interface = inherited != inherited_.end() ? std::move(inherited->interface)
+                                                   : interfaceKinds()[kind].make(context());
     if (const auto path = interface->open()) {
       status.path = path->native();
       nodes_.push_back({std::move(interface), kind});
@@ -105,6 +147,7 @@ void RunningImport::openNodes() {
           escaped(options_.directory.native()), path.error().message);
     }
   }
+  inherited_.clear();
 }
 
 void RunningImport::publishStatus() {
@@ -118,10 +161,11 @@ void RunningImport::publishStatus() {
   status_.nodes = nodeStatus_;
 }
 
-Io::Task<void> RunningImport::endAll() {
+Io::Task<void> RunningImport::endAll(NodeEnding ending) {
   closing_ = true;
+  std::ranges::move(std::exchange(inherited_, {}), std::back_inserter(nodes_));
   // Programs see the end of the node first, and only then that their requests have failed.
-  for (const Node& node : nodes_) node.interface->close();
+  for (const Node& node : nodes_) node.interface->close(ending);
   device_.stop();
   for (const Node& node : nodes_) {
     Io::Task<void> closing = node.interface->closed();

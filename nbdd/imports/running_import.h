@@ -38,8 +38,10 @@ class ImportRun {
 
   /// Takes the nodes away and closes the connections, whatever programs and server do; the event `ended`
   /// follows soon.
-  virtual void end() = 0;
+  virtual void end(NodeEnding ending) = 0;
   virtual ImportStatus status() const = 0;
+  /// The status, with all users of the nodes: takes some milliseconds.
+  virtual ImportStatus statusWithUsers() const = 0;
   /// Compresses transfers from now on, or does not.
   virtual void setCompression(bool enable) = 0;
 };
@@ -62,6 +64,7 @@ class RunningImport final : public ImportRun {
   struct Options {
     Remote::Device::Options device;
     std::filesystem::path directory;  ///< where its nodes go; made if it is not there
+    std::string identity;             ///< as NodeContext::identity
   };
 
   /// Starts the thread and begins to connect. Throws std::system_error if the system has no thread for it.
@@ -71,8 +74,9 @@ class RunningImport final : public ImportRun {
   RunningImport(const RunningImport&) = delete;
   RunningImport& operator=(const RunningImport&) = delete;
 
-  void end() override;
+  void end(NodeEnding ending) override;
   ImportStatus status() const override;
+  ImportStatus statusWithUsers() const override;
   void setCompression(bool enable) override;
 
  private:
@@ -87,10 +91,12 @@ class RunningImport final : public ImportRun {
   };
 
   // The import's thread:
+  NodeContext context();
+  void inheritNodes();
   void connected();
   void openNodes();
   void publishStatus();
-  Io::Task<void> endAll();
+  Io::Task<void> endAll(NodeEnding ending);
 
   /// Any thread: has the control loop call `event` with the ear's events.
   void tell(std::move_only_function<void(const ImportEvents&)> event);
@@ -106,6 +112,7 @@ class RunningImport final : public ImportRun {
 
   // The import's thread:
   Remote::Device device_;
+  std::vector<Node> inherited_;  // not opened yet
   std::vector<Node> nodes_;
   std::vector<NodeStatus> nodeStatus_;
   bool opened_ = false;

@@ -121,12 +121,10 @@ class SocketClient::Exchange final : public Remote::Request {
 // --- Life
 
 SocketClient::SocketClient(Io::EventLoop& loop, Remote::Device& device, Io::BufferPool& buffers,
-                           const Nbd::ExportDirectory& exports, Io::FileDescriptor socket,
-                           std::function<void()> changed)
+                           Io::FileDescriptor socket, std::function<void()> changed)
     : loop_(loop),
       device_(device),
       buffers_(buffers),
-      exports_(exports),
       changed_(std::move(changed)),
       stream_(loop, std::move(socket)),
       sender_(stream_, buffers),
@@ -136,22 +134,43 @@ SocketClient::SocketClient(Io::EventLoop& loop, Remote::Device& device, Io::Buff
 
 SocketClient::~SocketClient() = default;
 
-Io::Task<void> SocketClient::run() {
+Io::Task<void> SocketClient::run(const Nbd::ExportDirectory& exports) {
   deadline_.start(Limits::handshakeTime);
-  Io::Task<bool> negotiating = negotiate();
+  Io::Task<bool> negotiating = negotiate(exports);
   const bool agreed = co_await negotiating;
   deadline_.cancel();
   if (agreed) {
-    setInUse(true);
-    Io::Task<void> serving = serve();
-    co_await serving;
-    // Data that did not arrive to the end are not written.
-    if (writing_ != nullptr) bytesInFlight_ -= writing_->held();
-    while (inFlight_ > 0) {
-      Io::Signal::Waiting waiting = answered_.wait();
-      co_await waiting;
-    }
+    Io::Task<void> using_ = use();
+    co_await using_;
   }
+  Io::Task<void> finishing = finish();
+  co_await finishing;
+}
+
+Io::Task<void> SocketClient::runAgreed(Nbd::ExportLimits limits) {
+  limits_ = limits;
+  replies_ = Nbd::ReplyEncoder(limits_.headers);
+  Io::Task<void> using_ = use();
+  co_await using_;
+  Io::Task<void> finishing = finish();
+  co_await finishing;
+}
+
+/// The transmission phase.
+Io::Task<void> SocketClient::use() {
+  setInUse(true);
+  Io::Task<void> serving = serve();
+  co_await serving;
+  // Data that did not arrive to the end are not written.
+  if (writing_ != nullptr) bytesInFlight_ -= writing_->held();
+  while (inFlight_ > 0) {
+    Io::Signal::Waiting waiting = answered_.wait();
+    co_await waiting;
+  }
+}
+
+/// Sends what is not sent yet, as far as somebody takes it.
+Io::Task<void> SocketClient::finish() {
   deadline_.start(Limits::lastRepliesTime);
   Io::Task<void> finishing = sender_.finish();
   co_await finishing;
@@ -172,9 +191,9 @@ void SocketClient::end() {
   answered_.notify();
 }
 
-Io::Task<bool> SocketClient::negotiate() {
+Io::Task<bool> SocketClient::negotiate(const Nbd::ExportDirectory& exports) {
   using State = Nbd::ServerHandshake::State;
-  Nbd::ServerHandshake handshake(exports_, {});
+  Nbd::ServerHandshake handshake(exports, {});
   std::vector<std::byte> output;
   handshake.greet(output);
   for (;;) {

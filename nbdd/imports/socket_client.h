@@ -22,19 +22,22 @@
 
 namespace Nbdd {
 
-/// A program of this host that speaks NBD to an import, from its greeting to its end: what it asks is asked
-/// of the remote server, and answered in the form that the program has agreed on. The import's thread.
+/// Somebody on this host who speaks NBD to an import, from the greeting to the end: what is asked is asked of
+/// the remote server, and answered in the form that was agreed on. The import's thread.
 class SocketClient {
  public:
   /// `changed` is called when `inUse` changes. All else outlives this.
   SocketClient(Io::EventLoop& loop, Remote::Device& device, Io::BufferPool& buffers,
-               const Nbd::ExportDirectory& exports, Io::FileDescriptor socket, std::function<void()> changed);
+               Io::FileDescriptor socket, std::function<void()> changed);
   SocketClient(const SocketClient&) = delete;
   SocketClient& operator=(const SocketClient&) = delete;
   ~SocketClient();
 
-  /// The whole life; to be run once. Ends after the device has answered all that was asked.
-  Io::Task<void> run();
+  /// The whole life; to be run once. Ends after the device has answered all that was asked. `exports`
+  /// outlives it.
+  Io::Task<void> run(const Nbd::ExportDirectory& exports);
+  /// The same for somebody who does not negotiate and knows these limits, which need no allocation context.
+  Io::Task<void> runAgreed(Nbd::ExportLimits limits);
   /// Closes the connection at once.
   void end();
   bool inUse() const { return inUse_; }
@@ -42,7 +45,9 @@ class SocketClient {
  private:
   class Exchange;
 
-  Io::Task<bool> negotiate();
+  Io::Task<bool> negotiate(const Nbd::ExportDirectory& exports);
+  Io::Task<void> use();
+  Io::Task<void> finish();
   Io::Task<bool> receiveMore();
   Io::Task<void> serve();
   bool hasRoom() const;
@@ -58,7 +63,6 @@ class SocketClient {
   Io::EventLoop& loop_;
   Remote::Device& device_;
   Io::BufferPool& buffers_;
-  const Nbd::ExportDirectory& exports_;
   const std::function<void()> changed_;
   Io::Stream stream_;
   Sender sender_;

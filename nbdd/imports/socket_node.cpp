@@ -86,7 +86,7 @@ Control::Result<std::filesystem::path> SocketNode::open() {
   return path_;
 }
 
-void SocketNode::close() {
+void SocketNode::close(NodeEnding /*ending*/) {
   retry_.cancel();
   if (listener_) {
     context_.loop.unwatch(listener_.number(), *this);
@@ -119,9 +119,9 @@ void SocketNode::onEvents(std::uint32_t /*events*/) {
 }
 
 Io::Task<void> SocketNode::serve(Io::FileDescriptor socket) {
-  const auto client = clients_.emplace(clients_.end(), context_.loop, context_.device, buffers_, exports_,
+  const auto client = clients_.emplace(clients_.end(), context_.loop, context_.device, buffers_,
                                        std::move(socket), context_.changed);
-  Io::Task<void> running = client->run();
+  Io::Task<void> running = client->run(exports_);
   co_await running;
   clients_.erase(client);
 }

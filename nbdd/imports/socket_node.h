@@ -26,7 +26,7 @@ class SocketNode final : public NodeInterface, private Io::EventHandler {
   }
 
   Control::Result<std::filesystem::path> open() override;
-  void close() override;
+  void close(NodeEnding ending) override;
   Io::Task<void> closed() override;
   std::size_t users() const override;
 

@@ -321,13 +321,15 @@ void LocalService::exportRemove(Control::ExportId id, Answer<void> answer) {
 // Imports.
 
 std::unique_ptr<ImportRun> LocalService::startImport(const SavedImport& saved, ImportEvents events) {
+  const auto number = static_cast<std::uint32_t>(saved.id);
   RunningImport::Options options{.device = {.server = placeOf(saved.server),
                                             .exportName = saved.name,
                                             .readOnly = saved.flags.has(Control::ImportFlag::forceReadOnly),
                                             .compression = saved_.transferCompression,
                                             .self = helloOf(saved_),
                                             .reservations = &reservations_},
-                                 .directory = nodes_ / std::to_string(static_cast<std::uint32_t>(saved.id))};
+                                 .directory = nodes_ / std::to_string(number),
+                                 .identity = fmt::format("nbdd/{}/{}", saved_.serverUuid, number)};
   return std::make_unique<RunningImport>(loop_, std::move(options), std::move(events));
 }
 

@@ -25,13 +25,18 @@ class FakeRun final : public ImportRun {
     ImportEvents events;
     ImportStatus status;
     bool ending = false;
+    NodeEnding how{};
     bool destroyed = false;
     std::optional<bool> compression = std::nullopt;
   };
   explicit FakeRun(std::shared_ptr<Handle> handle) : handle_(std::move(handle)) {}
   ~FakeRun() override { handle_->destroyed = true; }
-  void end() override { handle_->ending = true; }
+  void end(NodeEnding ending) override {
+    handle_->ending = true;
+    handle_->how = ending;
+  }
   ImportStatus status() const override { return handle_->status; }
+  ImportStatus statusWithUsers() const override { return handle_->status; }
   void setCompression(bool enable) override { handle_->compression = enable; }
 
  private:

@@ -1,0 +1,42 @@
+"""The node "block" with a real kernel: in a virtual machine, since the host may have no nbd driver."""
+
+import os
+import re
+import shutil
+import tempfile
+import unittest
+from pathlib import Path
+
+from support import machine, processes
+
+# Emulated on a machine that is busy with other things.
+LIMIT_SECONDS = 850
+
+TOOLS = ("blkdiscard", "e2fsck", "fio", "fstrim", "mkfs.ext4", "mount", "nbd-client", "umount")
+
+
+class BlockNode(unittest.TestCase):
+    def test_every_check_in_the_machine_passes(self):
+        directory = Path(tempfile.mkdtemp(prefix="talvek-machine-"))
+        self.addCleanup(shutil.rmtree, directory)
+        image = machine.Image(directory)
+        for name in ("nbdd", "nbdctl"):
+            image.add_program(processes.program(name))
+        for name in TOOLS:
+            image.add_program(processes.tool(name), name)
+        image.add_busybox()
+        image.add(machine.Kernel().module("nbd"), "/modules/nbd.ko")
+        image.add(machine.GUEST / "checks.sh", "/checks.sh")
+        image.write("/init", (machine.GUEST / "block.sh").read_text(), mode=0o755)
+        image.write("/etc/mtab", "")
+        log = Path(os.environ["TALVEK_BIN"]).parent / "block_node.log"
+        said, ended = machine.run(image, LIMIT_SECONDS, log)
+        totals = re.search(r"^machine: (\d+) passed, (\d+) failed\r?$", said, re.MULTILINE)
+        self.assertTrue(totals, f"the machine did not come to its end:\n{said[-8000:]}")
+        asked = len(re.findall(r"^ *check ", (machine.GUEST / "block.sh").read_text(), re.MULTILINE))
+        self.assertEqual((int(totals[1]), int(totals[2])), (asked, 0), f"see {log}\n{said[-8000:]}")
+        self.assertTrue(ended, "the machine did not switch itself off")
+
+
+if __name__ == "__main__":
+    unittest.main()
