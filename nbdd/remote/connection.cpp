@@ -53,10 +53,10 @@ bool isSilence(int error) {
 
 }  // namespace
 
-Connection::Connection(Io::EventLoop& loop, Dialled dialled, Answered answered)
+Connection::Connection(Io::EventLoop& loop, Dialled dialled, Events events)
     : stream_(std::move(dialled.stream)),
       agreement_(std::move(dialled.agreement)),
-      answered_(std::move(answered)),
+      events_(std::move(events)),
       compression_(sendsChunks() ? dialled.compression : std::nullopt),
       work_(loop),
       input_(Limits::importInput) {
@@ -76,6 +76,7 @@ Io::Task<Connection::Ending> Connection::run() {
   work_.notify();
   if (ending.kind == Kind::violation || ending.kind == Kind::retired) {
     if (ending.kind == Kind::retired) takeLeave();
+    if (!stopped_ && !left_) events_.draining(ending.reason);
     Io::Task<bool> draining = drain();
     const bool ended = co_await draining;
     if (!ended) ending.kind = Kind::silent;
@@ -502,7 +503,7 @@ void Connection::complete(Request& request, Nbd::Error error) {
     return retire();
   }
   request.done(error);
-  answered_();
+  events_.answered();
 }
 
 /// The server wants to end: nothing new for it, and an orderly end when it has answered all.

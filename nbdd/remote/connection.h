@@ -47,10 +47,16 @@ class Connection {
     std::string reason;  ///< for people
   };
 
-  /// Told whenever a request was answered: there is room for another.
-  using Answered = std::function<void()>;
+  /// What the owner is told. None of them may destroy the connection.
+  struct Events {
+    /// A request was answered: there is room for another.
+    std::function<void()> answered;
+    /// It takes no more requests, and waits for the server to end it; this may take long. Why, for people.
+    /// Not told after leave(), which is expected to be short.
+    std::function<void(const std::string&)> draining;
+  };
 
-  Connection(Io::EventLoop& loop, Dialled dialled, Answered answered);
+  Connection(Io::EventLoop& loop, Dialled dialled, Events events);
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
@@ -129,7 +135,7 @@ class Connection {
 
   std::unique_ptr<Io::Stream> stream_;
   const Nbd::ClientHandshake::Agreement agreement_;
-  const Answered answered_;
+  const Events events_;
   const std::optional<Nbd::Extension::Compression> compression_;
   CompressionSampler sampler_;
 

@@ -124,7 +124,11 @@ Io::Task<void> Device::use(Link& link, Dialled dialled, Backoff& backoff) {
     waiting_.insert(waiting_.begin(), link.unproven.begin(), link.unproven.end());
     link.unproven.clear();
   }
-  Connection connection(loop_, std::move(dialled), [this] { distribute(); });
+  Connection connection(
+      loop_, std::move(dialled),
+      {.answered = [this] { distribute(); },
+       .draining = [this, &link](const std::string& reason) { draining(*link.connection, reason); }});
+  link.connection = &connection;
   const Io::Clock::time_point begin = Io::Clock::now();
   live_.push_back(&connection);
   events_.changed();
@@ -133,12 +137,20 @@ Io::Task<void> Device::use(Link& link, Dialled dialled, Backoff& backoff) {
   distribute();
   Io::Task<Connection::Ending> running = connection.run();
   const Connection::Ending ending = co_await running;
+  link.connection = nullptr;
   std::erase(live_, &connection);
   events_.changed();
   if (connection.provedGood()) backoff.reset();
   link.again = connection.hasLeft() && ending.kind != Connection::Ending::Kind::silent;
   if (Io::Clock::now() - begin > Limits::shortLife) violations_ = 0;
   ended(link, connection, ending);
+}
+
+/// It is of no more use, whenever it ends.
+void Device::draining(Connection& connection, const std::string& reason) {
+  std::erase(live_, &connection);
+  events_.changed();
+  if (live_.empty()) events_.waiting(failure(FailureCode::connectionFailed, reason));
 }
 
 void Device::ended(Link& link, Connection& connection, const Connection::Ending& ending) {
@@ -292,8 +304,8 @@ void Device::stop() {
   for (Link& link : links_) {
     link.wake.notify();
     if (link.dialler != nullptr) link.dialler->cancel();
+    if (link.connection != nullptr) link.connection->stop();
   }
-  for (Connection* const connection : live_) connection->stop();
 }
 
 }  // namespace Nbdd::Remote

@@ -109,8 +109,9 @@ class Device {
     explicit Link(Io::EventLoop& loop) : wake(loop) {}
     Io::Signal wake;
     Dialler* dialler = nullptr;
-    bool again = false;              ///< the connection was ended to be made anew at once
-    std::vector<Request*> unproven;  ///< of a connection that ended in silence
+    Connection* connection = nullptr;  ///< live, or waiting for its end
+    bool again = false;                ///< the connection was ended to be made anew at once
+    std::vector<Request*> unproven;    ///< of a connection that ended in silence
   };
 
   Io::Task<void> keepConnected(std::size_t number);
@@ -118,6 +119,7 @@ class Device {
   Io::Task<void> pause(std::chrono::milliseconds time, Io::Signal& wake);
   Io::Task<void> tellFailed();
   void connectMore();
+  void draining(Connection& connection, const std::string& reason);
   void ended(Link& link, Connection& connection, const Connection::Ending& ending);
   Connection* chooseConnection() const;
   void distribute();

@@ -404,6 +404,26 @@ TEST(Device, LeavesAServerThatAnnouncesItsEndAndAsksTheNextOne) {
   EXPECT_TRUE(leftInOrder);
 }
 
+TEST(Device, IsNotConnectedWhileAServerThatAnnouncedItsEndLingers) {
+  MemoryExport memory(size);
+  std::latch seen(1);
+  ScriptedServer server({[&](Peer& peer) {
+                           ASSERT_TRUE(peer.handshake(memory.view));
+                           const auto received = peer.receiveRequest();
+                           ASSERT_TRUE(received);
+                           peer.sendError(received->request, Error::shutdown, true);
+                           seen.wait();  // and does not close
+                         },
+                         [&](Peer& peer) { memory.serve(peer); }});
+  DeviceThread device(options(server));
+  ASSERT_TRUE(device.awaitConnected());
+  const auto flush = device.ask(Command::flush, 0, 0);
+  EXPECT_TRUE(device.await([](const DeviceThread::Seen& told) { return !told.waiting.empty(); }));
+  seen.count_down();
+  EXPECT_TRUE(device.awaitConnected(2));
+  EXPECT_EQ(DeviceThread::result(*flush), Error::none);
+}
+
 struct Change {
   std::string what;
   std::function<void(Nbd::ExportView&)> make;
