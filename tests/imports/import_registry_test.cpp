@@ -26,6 +26,7 @@ class FakeRun final : public ImportRun {
     ImportStatus status;
     bool ending = false;
     NodeEnding how{};
+    std::size_t foundUsers = 0;  // beyond those that the nodes are told of
     bool destroyed = false;
     std::optional<bool> compression = std::nullopt;
   };
@@ -36,7 +37,11 @@ class FakeRun final : public ImportRun {
     handle_->how = ending;
   }
   ImportStatus status() const override { return handle_->status; }
-  ImportStatus statusWithUsers() const override { return handle_->status; }
+  ImportStatus statusWithUsers() const override {
+    ImportStatus status = handle_->status;
+    for (NodeStatus& node : status.nodes) node.users += handle_->foundUsers;
+    return status;
+  }
   void setCompression(bool enable) override { handle_->compression = enable; }
 
  private:
@@ -277,9 +282,21 @@ TEST_F(ImportRegistryTest, ClosesWithoutForgetting) {
   registry.close([&] { closed = true; });
   EXPECT_FALSE(closed);
   EXPECT_TRUE(runs[id]->ending);
+  EXPECT_EQ(runs[id]->how, NodeEnding::untilRestart);
   runs[id]->events.ended();
   EXPECT_TRUE(closed);
   EXPECT_EQ(saved.imports.at(0).wanted, Wanted::enabled);
+}
+
+TEST_F(ImportRegistryTest, AsksTheHostWhoUsesTheNodesWhenItIsAboutToTakeThemAway) {
+  const ImportId id = enabled();
+  runs[id]->status.nodes = {{.name = "block", .path = "/run/x", .users = 0}};
+  runs[id]->foundUsers = 1;
+  EXPECT_EQ(codeOf(disable(id, false)), FailureCode::importInUse);
+  EXPECT_FALSE(runs[id]->ending);
+  disable(id, true);
+  EXPECT_TRUE(runs[id]->ending);
+  EXPECT_EQ(runs[id]->how, NodeEnding::forGood);
 }
 
 TEST_F(ImportRegistryTest, ListsItsNodes) {
