@@ -38,8 +38,8 @@ class Kernel:
         if len(found) != 1:
             raise RuntimeError(f"{cache}/kernel holds {len(found)} kernels, not one: remove it and try again")
         self.image = found[0]
-        version = self.image.name.removeprefix("vmlinuz-")
-        self.modules = cache / "kernel/lib/modules" / version / "kernel"
+        self.version = self.image.name.removeprefix("vmlinuz-")
+        self.modules = cache / "kernel/lib/modules" / self.version / "kernel"
 
     @staticmethod
     def _fetch(cache):
@@ -108,6 +108,13 @@ class Image:
         for name in processes.run([processes.tool("busybox"), "--list"]).out.split():
             if not (self.root / "bin" / name).exists():
                 os.symlink("busybox", self.root / "bin" / name)
+
+    def add_modules(self, kernel, *names):
+        """Modules where modprobe finds them; only such as need no others."""
+        place = f"/lib/modules/{kernel.version}"
+        for name in names:
+            self.add(kernel.module(name), f"{place}/{name}.ko")
+        self.write(f"{place}/modules.dep", "".join(f"{name}.ko:\n" for name in names))
 
     def write(self, place, text, mode=0o644):
         target = self.root / place.lstrip("/")
@@ -182,3 +189,16 @@ def run(image, seconds, log):
                 return said, ended
             out.write(b"\n--- The hardware does not help; emulated.\n")
         return _boot(kernel, archive, "tcg", seconds, out)
+
+
+def check(test, image, script, seconds, log):
+    """Runs the machine; fails the test unless it ran every check of the script to its end, and none failed."""
+    said, ended = run(image, seconds, log)
+    totals = re.search(r"^machine: (\d+) passed, (\d+) failed\r?$", said, re.MULTILINE)
+    test.assertTrue(totals, f"the machine did not come to its end, see {log}:\n{said[-8000:]}")
+    test.assertEqual(int(totals[2]), 0, f"see {log}:\n{said[-8000:]}")
+    # A check that is in a loop counts once here, so there may be more, but none may be left out.
+    asked = set(re.findall(r'^ *check "([^"$]*)"', script.read_text(), re.MULTILINE))
+    passed = set(re.findall(r"^ok - (.*?)\r?$", said, re.MULTILINE))
+    test.assertEqual(asked - passed, set(), f"these were not made, see {log}")
+    test.assertTrue(ended, "the machine did not switch itself off")
