@@ -5,8 +5,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
-#include <memory>
 #include <span>
+#include <vector>
 
 #include "nbdd/imports/nbd_netlink.h"
 
@@ -24,8 +24,7 @@ bool holds(std::span<const std::byte> bytes, std::uint32_t number) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   // On an allocation of just this size, so that the sanitizer sees a byte too many being read.
-  const auto copy = std::make_unique<std::byte[]>(size);
-  const std::span datagram(copy.get(), size);
+  std::vector<std::byte> datagram(size);
   std::ranges::copy(std::as_bytes(std::span(data, size)), datagram.begin());
   Nbdd::NbdNetlink::Answer answer;
   const auto read = Nbdd::NbdNetlink::readAnswer(datagram, family, sequence, answer);

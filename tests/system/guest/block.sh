@@ -33,10 +33,10 @@ same_files() {
   echo 3 >/proc/sys/vm/drop_caches
   (cd /mnt && sha256sum -c /tmp/sums)
 }
-# Writes with many requests under way, reads all of it back and compares.
-begin_io() {
+# Writes for so many seconds with many requests under way, then reads all of it back and compares.
+begin_io() { # seconds
   fio --name=verify --filename=/mnt/verify --size=16M --bs=4k --rw=randwrite --iodepth=16 --ioengine=libaio --direct=1 \
-    --loops=3 --verify=crc32c --verify_fatal=1 --minimal >/tmp/fio 2>&1 &
+    --time_based --runtime="$1" --verify=crc32c --verify_fatal=1 --minimal >/tmp/fio 2>&1 &
   io=$!
   await test -s /mnt/verify
 }
@@ -95,19 +95,20 @@ check "files are read back" same_files
 
 # --- The server is killed
 
-begin_io
+begin_io 15
 for _ in 1 2 3; do
   end server 9
   usleep 500000
   start server
   usleep 500000
 done
+check "writes were under way all the time" under_way
 check "writes go on while the server is killed and comes back" end_io
 check "no byte is wrong after it" same_files
 
 # --- The client is restarted
 
-begin_io
+begin_io 10
 await inflight
 end client 9
 check "the device outlives its service" test -b "$(device)"
@@ -117,7 +118,7 @@ check "the path has stayed" test "$(link)" = "$first"
 check "the node is active again" await says "value: active" node_state 1
 check "no byte is wrong after a killed client" same_files
 
-begin_io
+begin_io 10
 await inflight
 end client TERM
 start client
@@ -157,7 +158,7 @@ check "nothing is left at the server" test "$(used)" -lt 1000
 check "a new file system is made" mkfs.ext4 -q "$(device)"
 check "the new one is mounted" mount -t ext4 "$(device)" /mnt
 check "new files are written" write_files
-begin_io
+begin_io 10
 await inflight
 check "disabling by force ends at once" ctl client idisable 1 force
 check "programs get errors" not end_io

@@ -103,7 +103,9 @@ class Image:
             self.add(library)
 
     def add_busybox(self):
-        """The shell and its small tools, where nothing better was added before."""
+        """A shell, and small tools where no others were added before."""
+        # Busybox's own shell would prefer busybox's tools to all others.
+        self.add_program(processes.tool("dash"), "sh")
         self.add(processes.tool("busybox"), "/bin/busybox")
         for name in processes.run([processes.tool("busybox"), "--list"]).out.split():
             if not (self.root / "bin" / name).exists():
