@@ -23,6 +23,7 @@ class BlockNode(unittest.TestCase):
             image.add_program(processes.program(name))
         for name in TOOLS:
             image.add_program(processes.tool(name), name)
+        image.add_python(machine.GUEST / "disable_unused.py")
         image.add_busybox()
         image.add(machine.Kernel().module("nbd"), "/modules/nbd.ko")
         image.add(machine.GUEST / "checks.sh", "/checks.sh")

@@ -51,6 +51,7 @@ class Unit(unittest.TestCase):
         for name in TOOLS:
             image.add_program(processes.tool(name), name)
         (image.root / "bin/fusermount3").chmod(0o4755)
+        image.add_python(machine.GUEST / "disable_unused.py")
         image.add_busybox()
         self.add_systemd(image)
         kernel = machine.Kernel()

@@ -6,14 +6,14 @@ failed=0
 
 # Says how a check went; its output only if it failed.
 check() { # name, command…
-  name=$1
+  check_name=$1
   shift
   if "$@" >/tmp/output 2>&1; then
     passed=$((passed + 1))
-    echo "ok - $name"
+    echo "ok - $check_name"
   else
     failed=$((failed + 1))
-    echo "FAILED - $name: $*"
+    echo "FAILED - $check_name: $*"
     sed 's/^/    /' /tmp/output | tail -n 20
   fi
 }
@@ -41,9 +41,9 @@ says() { # pattern, command…
 
 not() { ! "$@"; }
 
-# Until a command succeeds; 120 s are a hang.
+# Until a command succeeds; a minute and more is a hang.
 await() { # command…
-  for _ in $(seq 600); do
+  for _ in $(seq 300); do
     if "$@"; then return 0; fi
     usleep 200000
   done
@@ -80,7 +80,8 @@ ctl() { # who, words…
 start() { # who
   mkdir -p "/srv/$1/run"
   rm -f "/srv/$1/run/org.talvek.NBD"
-  in_place_of "$1" nbdd >>"/srv/$1/log" 2>&1 &
+  # A process of its own from the start, so that its number is nbdd's.
+  (in_place_of "$1" exec nbdd >>"/srv/$1/log" 2>&1) &
   echo $! >"/srv/$1/pid"
   await test -S "/srv/$1/run/org.talvek.NBD"
 }
@@ -89,6 +90,11 @@ end() { # who, signal
   kill "-$2" "$pid"
   wait "$pid" 2>/dev/null
   true
+}
+
+# Disables an import unless it is in use, which is refused then.
+disable_unused() { # control socket, ID
+  PYTHONHOME=/usr python3 -S /guest/disable_unused.py "$1" "$2"
 }
 
 # Processes that wait where no signal reaches them.

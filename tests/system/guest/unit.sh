@@ -63,8 +63,9 @@ check "systemd starts it again" await restarted "$old"
 echo 3 >/proc/sys/vm/drop_caches
 check "the file system goes on after that" same_file
 check "the file node is there again" cmp -n 1000 "$(node disk)" /srv/disk.img
+check "an import in use is not disabled without force" refused "code 0x32" disable_unused /run/nbdd/org.talvek.NBD 1
 check "it is unmounted" umount /mnt
-check "the import is disabled" await nbdctl idisable 1
+check "the import is disabled" await disable_unused /run/nbdd/org.talvek.NBD 1
 check "the file has vanished" not test -e "$(node disk)"
 check "nothing is mounted for it any more" not grep -q nbdd /proc/mounts
 check "the service ends" systemctl stop nbdd.service nbdd.socket
@@ -95,7 +96,7 @@ chmod 644 /tmp/text
 check "the user writes it" as_nobody dd if=/tmp/text of=/srv/user/run/imports/1/disk conv=notrunc,fsync
 check "what was written is at the server" cmp -n 19 /tmp/text /srv/user/disk.img
 check "the user takes it away" as_nobody fusermount3 -u /srv/user/run/imports/1/disk
-check "the listing says so" says "taken away" unprivileged nbdctl ilistnodes 1
+check "the listing says so" says "taken it away" unprivileged nbdctl ilistnodes 1
 check "the import is disabled" await unprivileged nbdctl idisable 1
 check "it is enabled again" unprivileged nbdctl ienable 1
 check "the file is there again" as_nobody cmp -n 19 /tmp/text /srv/user/run/imports/1/disk

@@ -9,6 +9,7 @@ import re
 import select
 import shutil
 import subprocess
+import sys
 import time
 from pathlib import Path
 
@@ -110,6 +111,25 @@ class Image:
         for name in processes.run([processes.tool("busybox"), "--list"]).out.split():
             if not (self.root / "bin" / name).exists():
                 os.symlink("busybox", self.root / "bin" / name)
+
+    def add_python(self, script):
+        """A Python program, at /guest, with the modules that it imports; to be run with -S."""
+        listing = "import runpy, sys; runpy.run_path(sys.argv[1]); print(*(m.__file__ for m in set(sys.modules.values()) "
+        listing += "if getattr(m, '__file__', None) and not m.__spec__.origin == 'frozen'), sep='\\n')"
+        environment = {**os.environ, "PYTHONPATH": str(GUEST.parent)}
+        # Copied from where they lie, so that Python finds them there; ours go beside the script.
+        files = processes.run([sys.executable, "-S", "-c", listing, script], environment=environment).out.split()
+        library = Path(os.__file__).parent
+        for file in [*files, *library.glob("encodings/*.py"), library / "os.py"]:
+            file = Path(file)
+            if file.is_relative_to(GUEST.parent):
+                self.add(file, f"/guest/{file.relative_to(GUEST.parent)}")
+            else:
+                self.add(file)
+                if file.suffix == ".so":
+                    self.add_libraries(file)
+        self.add(script, f"/guest/{script.name}")
+        self.add_program(os.path.realpath(sys.executable), "python3")
 
     def add_modules(self, kernel, *names):
         """Modules where modprobe finds them; only such as need no others."""
