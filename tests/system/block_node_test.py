@@ -28,7 +28,6 @@ class BlockNode(unittest.TestCase):
         image.add(machine.Kernel().module("nbd"), "/modules/nbd.ko")
         image.add(machine.GUEST / "checks.sh", "/checks.sh")
         image.write("/init", (machine.GUEST / "block.sh").read_text(), mode=0o755)
-        image.write("/etc/mtab", "")
         log = Path(os.environ["TALVEK_BIN"]).parent / "block_node.log"
         machine.check(self, image, machine.GUEST / "block.sh", LIMIT_SECONDS, log)
 

@@ -82,6 +82,7 @@ class Image:
         for name in ("bin", "dev", "proc", "sys", "tmp", "run", "etc", "mnt", "modules", "srv"):
             (self.root / name).mkdir()
         os.symlink("bin", self.root / "sbin")
+        os.symlink("/proc/self/mounts", self.root / "etc/mtab")
         self._archive = directory / "initramfs"
 
     def add(self, source, place=None):
