@@ -94,7 +94,7 @@ Outcome talk(const Talk& talk) {
   ask(Command::flush, 0U, 0U);
   ask(Command::blockStatus, base, 65536U);
   ask(Command::read, base + 100, 300U);
-  Connection connection(loop, std::move(dialled), [] {});
+  Connection connection(loop, std::move(dialled), {.answered = [] {}, .draining = [](const std::string&) {}});
   for (const auto& request : outcome.requests) {
     // Without chunks, nobody asks for this.
     if (request->command == Command::blockStatus && talk.headers == HeaderStyle::simple) continue;
