@@ -154,7 +154,7 @@ class Connection {
   std::vector<Request*> refused_;  // answered with "I am about to end"
   bool accepting_ = true;
   bool retiring_ = false;
-  bool left_ = false;  // by leave()
+  bool left_ = false;     // by leave()
   int sendingError_ = 0;  // an errno
   bool over_ = false;
   bool stopped_ = false;
