@@ -27,6 +27,15 @@ FileNode::FileNode(NodeContext context)
       laneEnded_(context_.loop) {
   ::clock_gettime(CLOCK_REALTIME, &users_.since);
   users_.changed = [&loop = context_.loop, changed = context_.changed] { loop.post(changed); };
+  users_.tell = [&loop = context_.loop, changed = context_.changed,
+                 home = std::this_thread::get_id()](std::function<void()> then) {
+    const auto both = [changed, then = std::move(then)] {
+      changed();
+      then();
+    };
+    if (std::this_thread::get_id() == home) return both();
+    loop.post(both);  // before the lane that asks can tell that it has ended
+  };
 }
 
 std::optional<std::string> FileNode::missing() {

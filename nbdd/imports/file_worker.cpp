@@ -213,11 +213,12 @@ void FileWorker::opened(fuse_req_t request, fuse_file_info* info) {
   if (readOnly() && (info->flags & O_ACCMODE) != O_RDONLY) return mount_.replyError(request, EROFS);
   // Others may have written to the export since the last program closed it.
   info->keep_cache = users_.count++ > 0 ? 1 : 0;
-  if (mount_.replyOpen(request, *info)) {
-    users_.changed();
-  } else {
+  // Whoever has it open is known to have it open: an import in use is not disabled.
+  users_.tell([this, request, answer = *info] {
+    if (mount_.replyOpen(request, answer)) return;
     --users_.count;
-  }
+    users_.changed();
+  });
 }
 
 void FileWorker::released(fuse_req_t request) {

@@ -22,7 +22,9 @@ namespace Nbdd {
 struct FileUsers {
   std::atomic<std::size_t> count = 0;
   std::function<void()> changed;  ///< to be called when `count` has become another; any thread
-  timespec since{};               ///< when there was the file: its time of last change
+  /// The same, and what is passed is called when everybody can know of it, on the import's thread.
+  std::function<void(std::function<void()>)> tell;
+  timespec since{};  ///< when there was the file: its time of last change
 };
 
 /// Takes requests of the kernel for a mounted file, on one loop, and answers each from a coroutine of its
