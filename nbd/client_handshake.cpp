@@ -10,6 +10,7 @@
 // One option is under way at any time. Its replies arrive as pairs of a header and data; the final one
 // decides what comes next:
 //
+//   if wished:     STARTTLS, before all others
 //   transmission:  EXTENDED_HEADERS, or else STRUCTURED_REPLY; SET_META_CONTEXT; GO, and EXPORT_NAME where
 //   the
 //                  server does not know GO
@@ -57,6 +58,9 @@ ClientHandshake::Progress ClientHandshake::advance(Bytes input, Output& output) 
     const Output whole = std::exchange(partial_, {});
     runStage(whole, output);
   }
+  // A server has nothing to say there before it has heard of TLS from us: whoever says it might want to pass
+  // for the server inside of it.
+  if (state_ == State::startTls && !rest.empty()) fail("the server spoke between its consent to TLS and TLS");
   return {.consumed = input.size() - rest.size(), .state = state_};
 }
 
@@ -100,11 +104,15 @@ void ClientHandshake::takeGreeting(Bytes data, Output& output) {
   noZeroes_ = wish_.noZeroes && (*offered & HandshakeFlag::noZeroes) != 0;
   appendBig(output, (isFixed ? ClientFlag::fixedNewstyle : 0U) | (noZeroes_ ? ClientFlag::noZeroes : 0U));
   if (!isFixed) {
+    if (wish_.tls == TlsMode::required) {
+      fail("the server has no TLS");
+      failure_.noTls = true;
+      return;
+    }
     if (wish_.goal != Goal::transmission) return fail("the server's protocol has no listing");
     return sendOption(output, Option::exportName, std::as_bytes(std::span(wish_.exportName)));
   }
-  if (wish_.dialogue != nullptr) return sendNextQuestion(output);
-  sendFirstOption(output);
+  startNegotiating(output);
 }
 
 void ClientHandshake::takeReplyHeader(Bytes data) {
@@ -217,6 +225,9 @@ void ClientHandshake::takeExtension(Bytes data) {
 
 void ClientHandshake::acknowledged(Output& output) {
   switch (option_) {
+    case Option::startTls:
+      state_ = State::startTls;
+      return;
     case Option::extendedHeaders:
     case Option::structuredReply:
       agreement_.headers =
@@ -245,6 +256,9 @@ void ClientHandshake::acknowledged(Output& output) {
 
 void ClientHandshake::refused(Bytes data, Output& output) {
   switch (option_) {
+    case Option::startTls:
+      if (wish_.tls != TlsMode::required) return sendQuestionsFirst(output);
+      break;
     case Option::extension: {
       const std::string_view text = asText(data);
       wish_.dialogue->refused({.type = replyType_, .text = std::string(isWireString(text) ? text : "")});
@@ -269,6 +283,8 @@ void ClientHandshake::refused(Bytes data, Output& output) {
       break;
   }
   failure_ = {.isRefusal = true, .reply = replyType_, .message = "the server refused"};
+  failure_.noTls = option_ == Option::startTls;
+  if (failure_.noTls) failure_.message = "the server has no TLS";
   const std::string_view reason = asText(data);
   if (!reason.empty() && isWireString(reason)) failure_.message.append(": ").append(reason);
   leave(output);
@@ -278,6 +294,23 @@ void ClientHandshake::refused(Bytes data, Output& output) {
 void ClientHandshake::sendDetailsOption(Output& output) {
   if (described_ == exports_.size()) return leave(output);
   sendExportOption(output, Option::info, exports_[described_].name);
+}
+
+void ClientHandshake::startNegotiating(Output& output) {
+  if (wish_.tls != TlsMode::off) return sendOption(output, Option::startTls, {});
+  sendQuestionsFirst(output);
+}
+
+void ClientHandshake::sendQuestionsFirst(Output& output) {
+  if (wish_.dialogue != nullptr) return sendNextQuestion(output);
+  sendFirstOption(output);
+}
+
+void ClientHandshake::secured(Output& output) {
+  require(state_ == State::startTls && partial_.empty());
+  secured_ = true;
+  state_ = State::negotiating;
+  sendQuestionsFirst(output);
 }
 
 void ClientHandshake::sendFirstOption(Output& output) {

@@ -32,8 +32,9 @@ struct RemoteExport {
 /// The caller owns the connection: it receives, calls advance(), drops what was consumed, sends and empties
 /// the output, and goes on while the state is `negotiating`. Bytes behind the server's last word of the
 /// handshake are never touched. Any split of the same bytes over calls gives the same output and the same
-/// end. A server can make this hold maxServerHandshakeBytes at most. Bounding the time is the caller's
-/// business. One thread at a time.
+/// end, but for bytes between the server's consent to TLS and TLS, which are refused wherever they are seen.
+/// A server can make this hold maxServerHandshakeBytes at most. Bounding the time is the caller's business.
+/// One thread at a time.
 class ClientHandshake {
  public:
   enum class Goal : std::uint8_t {
@@ -50,11 +51,13 @@ class ClientHandshake {
     bool structuredReplies = true;
     bool allocationContext = true;  // needs one of the two
     bool noZeroes = true;
-    Extension::Dialogue* dialogue = nullptr;  // asked before all else; outlives the handshake
+    TlsMode tls = TlsMode::off;               // asked for before everything else
+    Extension::Dialogue* dialogue = nullptr;  // asked before all else but that; outlives the handshake
   };
 
   enum class State : std::uint8_t {
     negotiating,
+    startTls,      // send the output, make the TLS handshake, then call secured() and go on
     transmission,  // agreement() is complete, requests may be sent
     finished,      // exports() is complete; send the output, then close
     failed,        // see failure(); send the output if there is any, then close
@@ -77,6 +80,7 @@ class ClientHandshake {
   struct Failure {
     bool isRefusal = false;  // the server said no, politely; otherwise it broke the protocol
     ReplyType reply = ReplyType::unsupported;  // what it said; of a refusal only
+    bool noTls = false;                        // TLS was required, and the server has none
     std::string message = {};                  // for people; may quote the server
   };
 
@@ -84,6 +88,11 @@ class ClientHandshake {
 
   /// Takes what it can use of `input` and appends to `output` what the server shall be sent.
   [[nodiscard]] Progress advance(Bytes input, std::vector<std::byte>& output);
+
+  /// The connection is secured now, after State::startTls: input is what comes out of TLS.
+  void secured(std::vector<std::byte>& output);
+  /// Whether secured() was called.
+  [[nodiscard]] bool isSecured() const { return secured_; }
 
   [[nodiscard]] const Agreement& agreement() const { return agreement_; }
   [[nodiscard]] const std::vector<RemoteExport>& exports() const { return exports_; }
@@ -106,6 +115,8 @@ class ClientHandshake {
   void acknowledged(Output& output);
   void refused(Bytes data, Output& output);
 
+  void startNegotiating(Output& output);
+  void sendQuestionsFirst(Output& output);
   void sendFirstOption(Output& output);
   void sendNextQuestion(Output& output);
   void sendStructuredReplyOption(Output& output);
@@ -123,6 +134,7 @@ class ClientHandshake {
   State state_ = State::negotiating;
   Stage stage_ = Stage::greeting;
   bool noZeroes_ = false;
+  bool secured_ = false;
   Option option_{};                // the one whose replies are awaited
   ReplyType replyType_{};          // of the reply whose data are awaited
   std::uint32_t replyLength_ = 0;  // bytes of data

@@ -50,6 +50,14 @@ enum class HeaderStyle : std::uint8_t {
   extended,    // requests with 64-bit lengths; every reply is made of chunks that hold them too
 };
 
+/// Whether one side wants its connections secured by TLS.
+enum class TlsMode : std::uint8_t {
+  off,
+  allowed,   // a server: for clients that ask; a client: where the server has it, which whoever sits between
+             // them can prevent
+  required,  // not without
+};
+
 enum class Option : std::uint32_t {
   exportName = 1,
   abort = 2,

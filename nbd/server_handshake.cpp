@@ -72,6 +72,7 @@ const ServerHandshake::OptionRow ServerHandshake::optionTable[] = {
     {Option::abort, true,
      &ServerHandshake::abort},  // data make no sense, but nothing may keep a client from leaving
     {Option::list, false, &ServerHandshake::list},
+    {Option::startTls, false, &ServerHandshake::startTls},
     {Option::info, true, &ServerHandshake::info},
     {Option::go, true, &ServerHandshake::go},
     {Option::structuredReply, false, &ServerHandshake::structuredReply},
@@ -121,6 +122,7 @@ ServerHandshake::Progress ServerHandshake::advance(Bytes input, Output& output) 
     while (state_ == State::negotiating && runStage(rest, output)) {
     }
   }
+  if (state_ == State::startTls && !rest.empty()) state_ = State::failed;
   return {.consumed = input.size() - rest.size(), .state = state_, .granted = granted_, .waiting = waiting_};
 }
 
@@ -197,7 +199,12 @@ void ServerHandshake::takeOptionHeader(Bytes data) {
     state_ = State::failed;
     return;
   }
-  const bool isKept = findOption(option_) != nullptr && optionLength_ <= maxOptionLength;
+  if (mustSecureFirst() && option_ == Option::exportName) {
+    state_ = State::failed;
+    return;
+  }
+  const bool isKept =
+      findOption(option_) != nullptr && optionLength_ <= maxOptionLength && !mustSecureFirst();
   stage_ = isKept ? Stage::optionData : Stage::drain;
 }
 
@@ -222,8 +229,16 @@ bool ServerHandshake::drain(Bytes& input, Output& output) {
   return false;
 }
 
+// Whether the option gets no answer but that TLS comes first. Nobody may be kept from leaving.
+bool ServerHandshake::mustSecureFirst() const {
+  return policy_.tls == TlsMode::required && !secured_ && option_ != Option::startTls &&
+         option_ != Option::abort;
+}
+
 void ServerHandshake::answerDrained(Output& output) {
-  if (findOption(option_) == nullptr) {
+  if (mustSecureFirst()) {
+    refuse(output, ReplyType::tlsRequired, "this server demands TLS");
+  } else if (findOption(option_) == nullptr) {
     refuse(output, ReplyType::unsupported, "unknown option");
   } else if (option_ == Option::abort) {
     abort({}, output);
@@ -257,6 +272,27 @@ void ServerHandshake::exportName(Bytes data, Output& output) {
 void ServerHandshake::abort(Bytes, Output& output) {
   acknowledge(output);
   state_ = State::closing;
+}
+
+void ServerHandshake::startTls(Bytes, Output& output) {
+  if (policy_.tls == TlsMode::off) {
+    refuse(output, ReplyType::unsupported, "this server has no TLS");
+  } else if (secured_) {
+    refuse(output, ReplyType::invalid, "the connection is secured already");
+  } else {
+    acknowledge(output);
+    state_ = State::startTls;
+  }
+}
+
+void ServerHandshake::secured(Extension::Handler* extension) {
+  require(state_ == State::startTls && partial_.empty());
+  secured_ = true;
+  extension_ = extension;
+  agreement_.headers = HeaderStyle::simple;
+  allocationSelected_ = false;
+  contextExport_.clear();
+  state_ = State::negotiating;
 }
 
 void ServerHandshake::list(Bytes, Output& output) {

@@ -26,6 +26,7 @@ namespace Nbd {
 ///       auto [consumed, state, granted] = handshake.advance(input, output);
 ///       drop `consumed` bytes from the front of input;
 ///       if (state == failed) close;
+///       if (state == startTls) { send output; make the TLS handshake; handshake.secured(); forget input; }
 ///       if (state != negotiating) send output; closing: close; transmission: serve requests, input first;
 ///       if (waiting) wait for the notice of the extension's handler;
 ///       else if (consumed == 0 && output.empty()) receive more input;
@@ -34,8 +35,10 @@ namespace Nbd {
 /// One call answers at most one option, and adds about handshakeOutputStep bytes at most: who does not call
 /// while output waits to be sent is safe from a client that asks and never reads. Bytes behind the option
 /// that ends the handshake are never touched. Any split of the same bytes over calls gives the same output
-/// and the same end. What a client can make this hold is maxOptionLength bytes, one agreement, and a share of
-/// one listing.
+/// and the same end, but for bytes that come behind a STARTTLS before it is answered: no client has anything
+/// to say there, and whoever says it might pass for the client inside of TLS. Seen here, they end the
+/// connection; what comes later goes to TLS, which refuses it. What a client can make this hold is
+/// maxOptionLength bytes, one agreement, and a share of one listing.
 ///
 /// Bounding the time that a handshake takes is the caller's business. One connection, one thread at a time.
 class ServerHandshake {
@@ -46,10 +49,12 @@ class ServerHandshake {
     bool structuredReplies = true;  // and with them metadata contexts
     bool extendedHeaders = true;    // likewise
     bool listing = true;            // answer LIST; otherwise it is forbidden
+    TlsMode tls = TlsMode::off;     // required: nothing is answered before
   };
 
   enum class State : std::uint8_t {
     negotiating,
+    startTls,      // send the output, make the TLS handshake, then call secured() and go on
     transmission,  // send the output, then serve requests on agreement()
     closing,       // send the output, then close
     failed,        // close at once; the output does not matter
@@ -86,6 +91,10 @@ class ServerHandshake {
   /// how to call.
   [[nodiscard]] Progress advance(Bytes input, std::vector<std::byte>& output);
 
+  /// The connection is secured now, after State::startTls. What was agreed on in the clear is void, and input
+  /// is what comes out of TLS. `extension` takes the place of the one that was told things in the clear.
+  void secured(Extension::Handler* extension = nullptr);
+
   [[nodiscard]] const Agreement& agreement() const { return agreement_; }
 
  private:
@@ -104,10 +113,12 @@ class ServerHandshake {
   void takeOptionData(Bytes data, Output& output);
   bool drain(Bytes& input, Output& output);
   void answerDrained(Output& output);
+  [[nodiscard]] bool mustSecureFirst() const;
 
   // Handlers: each answers one option whose data have arrived.
   void exportName(Bytes data, Output& output);
   void abort(Bytes data, Output& output);
+  void startTls(Bytes data, Output& output);
   void list(Bytes data, Output& output);
   void info(Bytes data, Output& output);
   void go(Bytes data, Output& output);
@@ -148,6 +159,7 @@ class ServerHandshake {
   std::size_t listed_ = 0;
   std::unique_ptr<Extension::Answer> answer_;  // under way
   Extension::Header answerHeader_;
+  bool secured_ = false;  // by TLS
   bool granted_ = false;  // since advance() was called
   bool waiting_ = false;  // likewise
 };

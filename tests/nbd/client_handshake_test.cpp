@@ -357,4 +357,62 @@ TEST(HostileServer, ListingsAreBounded) {
   EXPECT_EQ(Conversation({.goal = Goal::listing}, words).outcome.state, State::failed);
 }
 
+// --- TLS
+
+ClientHandshake::Wish secure(Nbd::TlsMode mode) {
+  ClientHandshake::Wish wish = plain();
+  wish.tls = mode;
+  return wish;
+}
+
+const Buffer consent = reply(Option::startTls, ReplyType::ack);
+
+TEST(ClientHandshakeTls, ComesBeforeEverythingElse) {
+  for (const Nbd::TlsMode mode : {Nbd::TlsMode::allowed, Nbd::TlsMode::required}) {
+    Conversation conversation(secure(mode), join({greeting(), consent}));
+    ASSERT_EQ(conversation.outcome.state, State::startTls);
+    EXPECT_EQ(conversation.outcome.output, join({Wire::clientFlags(), option(Option::startTls)}));
+    Buffer output;
+    conversation.handshake.secured(output);
+    EXPECT_EQ(output, option(Option::go, wantedOfDisk));
+    EXPECT_TRUE(conversation.handshake.isSecured());
+    EXPECT_EQ(Wire::converse(conversation.handshake, acknowledgeGo).state, State::transmission);
+  }
+}
+
+TEST(ClientHandshakeTls, RequiredEndsWithoutIt) {
+  for (const ReplyType type : {ReplyType::unsupported, ReplyType::policy, ReplyType::invalid}) {
+    Conversation conversation(secure(Nbd::TlsMode::required),
+                              join({greeting(), reply(Option::startTls, type), acknowledgeGo}));
+    EXPECT_EQ(conversation.outcome.state, State::failed);
+    EXPECT_TRUE(conversation.handshake.failure().noTls);
+  }
+  Conversation oldServer(secure(Nbd::TlsMode::required), greeting(0));
+  EXPECT_EQ(oldServer.outcome.state, State::failed);
+  EXPECT_TRUE(oldServer.handshake.failure().noTls);
+  EXPECT_TRUE(oldServer.outcome.output == Wire::clientFlags(0));
+}
+
+TEST(ClientHandshakeTls, AllowedGoesOnWithout) {
+  Conversation conversation(
+      secure(Nbd::TlsMode::allowed),
+      join({greeting(), reply(Option::startTls, ReplyType::unsupported), acknowledgeGo}));
+  EXPECT_EQ(conversation.outcome.state, State::transmission);
+  EXPECT_FALSE(conversation.handshake.isSecured());
+}
+
+TEST(ClientHandshakeTls, AServerThatSpeaksBehindItsConsentIsRefused) {
+  for (const Nbd::TlsMode mode : {Nbd::TlsMode::allowed, Nbd::TlsMode::required}) {
+    Conversation conversation(secure(mode), join({greeting(), consent, acknowledgeGo}));
+    EXPECT_EQ(conversation.outcome.state, State::failed);
+    EXPECT_FALSE(conversation.handshake.failure().isRefusal);
+  }
+}
+
+TEST(ClientHandshakeTls, AServerThatDemandsItIsARefusal) {
+  Conversation conversation(plain(), join({greeting(), reply(Option::go, ReplyType::tlsRequired)}));
+  EXPECT_EQ(conversation.outcome.state, State::failed);
+  EXPECT_EQ(conversation.handshake.failure().reply, ReplyType::tlsRequired);
+}
+
 }  // namespace

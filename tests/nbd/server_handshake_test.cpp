@@ -672,4 +672,86 @@ TEST(ServerBounds, OneCallAnswersOneOption) {
   EXPECT_EQ(Wire::parseReplies(output)->size(), 1U);
 }
 
+// --- TLS
+
+ServerHandshake::Policy withTls(Nbd::TlsMode mode) { return {.tls = mode}; }
+
+TEST(ServerHandshakeTls, IsNotThereUnlessThePolicyHasIt) {
+  Conversation conversation(join({option(Option::startTls), option(Option::go, infoData("disk", {}))}));
+  EXPECT_EQ(conversation.replies.front().type, ReplyType::unsupported);
+  EXPECT_EQ(conversation.outcome.state, State::transmission);
+}
+
+TEST(ServerHandshakeTls, BeginsBehindTheAcknowledgementAndVoidsWhatWasAgreedOn) {
+  for (const Nbd::TlsMode mode : {Nbd::TlsMode::allowed, Nbd::TlsMode::required}) {
+    const Wire::Directory directory = twoExports();
+    ServerHandshake handshake(directory, withTls(mode));
+    const bool clear = mode == Nbd::TlsMode::allowed;
+    const Buffer before = join({Wire::clientFlags(), option(Option::structuredReply),
+                                option(Option::setMetaContext, contextData("disk", {"base:allocation"})),
+                                option(Option::startTls)});
+    const auto inTheClear = Wire::converse(handshake, before);
+    ASSERT_EQ(inTheClear.state, State::startTls);
+    const auto replies = Wire::parseReplies(inTheClear.output).value();
+    EXPECT_EQ(replies.front().type, clear ? ReplyType::ack : ReplyType::tlsRequired);
+    EXPECT_EQ(replies.back().option, Option::startTls);
+    EXPECT_EQ(replies.back().type, ReplyType::ack);
+
+    handshake.secured();
+    const auto inside = Wire::converse(handshake, option(Option::go, infoData("disk", {})));
+    ASSERT_EQ(inside.state, State::transmission);
+    EXPECT_EQ(handshake.agreement().headers, Nbd::HeaderStyle::simple);
+    EXPECT_FALSE(handshake.agreement().allocationContext.has_value());
+  }
+}
+
+TEST(ServerHandshakeTls, RequiredAnswersNothingElseBefore) {
+  for (const Option each :
+       {Option::list, Option::info, Option::go, Option::structuredReply, Option::listMetaContext,
+        Option::setMetaContext, Option::extendedHeaders, static_cast<Option>(0x7777)}) {
+    for (const Buffer& data : {Buffer(), infoData("disk", {}), Buffer(Nbd::maxOptionLength + 1)}) {
+      Conversation conversation(option(each, data), withTls(Nbd::TlsMode::required));
+      ASSERT_EQ(conversation.replies.size(), 1U);
+      EXPECT_EQ(conversation.replies.front().type, ReplyType::tlsRequired);
+      EXPECT_EQ(conversation.outcome.state, State::negotiating);
+    }
+  }
+}
+
+TEST(ServerHandshakeTls, RequiredEndsWithExportNameAndLetsLeave) {
+  Conversation named(option(Option::exportName, text("disk")), withTls(Nbd::TlsMode::required));
+  EXPECT_EQ(named.outcome.state, State::failed);
+  EXPECT_TRUE(named.outcome.output.empty());
+  Conversation leaving(option(Option::abort), withTls(Nbd::TlsMode::required));
+  EXPECT_EQ(leaving.outcome.state, State::closing);
+  EXPECT_EQ(leaving.replies.front().type, ReplyType::ack);
+}
+
+TEST(ServerHandshakeTls, BytesBehindStartTlsEndTheConnection) {
+  for (const Nbd::TlsMode mode : {Nbd::TlsMode::allowed, Nbd::TlsMode::required}) {
+    for (const Buffer& injected : {option(Option::list), Buffer(1), option(Option::startTls)}) {
+      Conversation conversation(join({option(Option::startTls), injected}), withTls(mode));
+      EXPECT_EQ(conversation.outcome.state, State::failed);
+    }
+  }
+}
+
+TEST(ServerHandshakeTls, IsNotBegunTwice) {
+  const Wire::Directory directory = twoExports();
+  ServerHandshake handshake(directory, withTls(Nbd::TlsMode::required));
+  ASSERT_EQ(Wire::converse(handshake, join({Wire::clientFlags(), option(Option::startTls)})).state,
+            State::startTls);
+  handshake.secured();
+  const auto outcome = Wire::converse(handshake, join({option(Option::startTls), option(Option::list)}));
+  const auto replies = Wire::parseReplies(outcome.output).value();
+  EXPECT_EQ(replies.front().type, ReplyType::invalid);
+  EXPECT_EQ(replies.back().type, ReplyType::ack);
+}
+
+TEST(ServerHandshakeTls, TakesNoData) {
+  Conversation conversation(option(Option::startTls, Buffer(3)), withTls(Nbd::TlsMode::required));
+  EXPECT_EQ(conversation.replies.front().type, ReplyType::invalid);
+  EXPECT_EQ(conversation.outcome.state, State::negotiating);
+}
+
 }  // namespace
