@@ -167,6 +167,34 @@ inline constexpr std::uint32_t compressionPassedOver = 64;
 /// Plain bytes of writes that an import compresses before it sends what it has.
 inline constexpr std::size_t importCompressBatch = std::size_t{256} * 1024;
 
+// Who may come, and how it is proved.
+
+/// Networks in one allow list: more than that are a firewall's business.
+inline constexpr std::size_t allowedNetworks = 256;
+
+/// Exports with an allow list of their own. The list of all of them is looked at when a client asks for one.
+inline constexpr std::size_t restrictedExports = 1024;
+
+/// One file of a certificate, its key or its authorities: the authorities of a whole system take 250 KB.
+inline constexpr std::size_t tlsFileLength = std::size_t{1024} * 1024;
+
+/// Pre-shared keys of one server, and the names of clients that may come.
+inline constexpr std::size_t tlsKeys = 4096;
+inline constexpr std::size_t tlsClients = 1024;
+
+/// Longest name of a client, in bytes: GnuTLS keeps no more of the name of a key.
+inline constexpr std::size_t tlsNameLength = 128;
+
+/// Pre-shared keys in bytes: below 16 one could be guessed, and psktool makes no longer ones.
+inline constexpr std::size_t tlsKeyShortest = 16;
+inline constexpr std::size_t tlsKeyLongest = 64;
+
+/// Bytes of TLS handshake messages of one client that are taken at once. GnuTLS itself bounds the messages.
+inline constexpr std::size_t tlsHandshakeInput = std::size_t{16} * 1024;
+
+/// A certificate that runs out within so many days is warned of.
+inline constexpr int certificateWarningDays = 14;
+
 // Imports: what remote servers can make us hold or wait for.
 
 /// Imports that one service holds. Each takes a thread while it is enabled; a host with more remote disks

@@ -23,7 +23,24 @@ Stream::~Stream() {
   loop_.unwatch(socket_.number(), *this);
 }
 
+namespace {
+
+// What a layer may hold of a message that has not arrived whole, and what it adds to one: a threshold that
+// left no room for that would wait for bytes that never come.
+constexpr std::size_t layerSlack = std::size_t{40} * 1024;
+
+}  // namespace
+
 ssize_t Stream::receive(std::span<std::byte> buffer) {
+  if (layer_ == nullptr) [[likely]] {
+    return receiveFromSocket(buffer);
+  }
+  const ssize_t count = layer_->receive(buffer);
+  readable_ = readable_ || layer_->holdsInput();
+  return count;
+}
+
+ssize_t Stream::receiveFromSocket(std::span<std::byte> buffer) {
   if (failure_ != 0) {
     return -failure_;
   }
@@ -42,6 +59,9 @@ ssize_t Stream::receive(std::span<std::byte> buffer) {
 }
 
 void Stream::setReceiveThreshold(std::size_t bytes) {
+  if (layer_ != nullptr) {
+    bytes = bytes > layerSlack ? bytes - layerSlack : 1;
+  }
   if (bytes == receiveThreshold_) {
     return;
   }
@@ -58,6 +78,15 @@ std::size_t Stream::available() const {
 }
 
 ssize_t Stream::send(std::span<const std::byte> bytes, bool more) {
+  if (layer_ == nullptr) [[likely]] {
+    return sendToSocket(bytes, more);
+  }
+  // The layer only reads it.
+  const iovec piece{.iov_base = const_cast<std::byte*>(bytes.data()), .iov_len = bytes.size()};
+  return layer_->send({&piece, 1}, more);
+}
+
+ssize_t Stream::sendToSocket(std::span<const std::byte> bytes, bool more) {
   if (failure_ != 0) {
     return -failure_;
   }
@@ -73,6 +102,9 @@ ssize_t Stream::send(std::span<const std::byte> bytes, bool more) {
 }
 
 ssize_t Stream::send(std::span<const iovec> pieces, bool more) {
+  if (layer_ != nullptr) {
+    return layer_->send(pieces, more);
+  }
   if (failure_ != 0) {
     return -failure_;
   }
@@ -91,6 +123,9 @@ ssize_t Stream::send(std::span<const iovec> pieces, bool more) {
 }
 
 ssize_t Stream::sendFile(int file, std::uint64_t offset, std::size_t length) {
+  if (layer_ != nullptr) {
+    return layer_->sendFile(file, offset, length);
+  }
   if (failure_ != 0) {
     return -failure_;
   }
@@ -125,7 +160,15 @@ void Stream::interruptReading() {
   }
 }
 
-void Stream::endSending() { ::shutdown(socket_.number(), SHUT_WR); }
+void Stream::endSending() {
+  if (layer_ != nullptr) {
+    layer_->endSending();
+    if (!layer_->flushed()) {
+      return;  // the layer ends the socket's side behind its last word
+    }
+  }
+  ::shutdown(socket_.number(), SHUT_WR);
+}
 
 void Stream::shutDown() { ::shutdown(socket_.number(), SHUT_RDWR); }
 
@@ -140,6 +183,9 @@ void Stream::onEvents(std::uint32_t events) {
   }
   if ((events & (EPOLLOUT | ended)) != 0) {
     writable_ = true;
+    if (layer_ != nullptr) {
+      layer_->flush();
+    }
     writer = std::exchange(writer_, {});
   }
   if (writer) {

@@ -6,10 +6,14 @@
 #include <coroutine>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <span>
+#include <utility>
+#include <vector>
 
 #include "nbdd/io/event_loop.h"
 #include "nbdd/io/file_descriptor.h"
+#include "nbdd/io/layer.h"
 
 namespace Nbdd::Io {
 
@@ -17,7 +21,7 @@ namespace Nbdd::Io {
 ///
 /// Reading and writing go straight to the kernel; only when it says EAGAIN does a coroutine await `readable`
 /// or `writable`. At most one coroutine waits for each. The descriptor is watched once, edge-triggered, for
-/// both.
+/// both. From `secure` on everything passes through a layer between the users and the socket.
 class Stream final : public EventHandler {
  public:
   /// `socket` must be non-blocking. If it cannot be watched, every operation fails with that errno.
@@ -30,22 +34,37 @@ class Stream final : public EventHandler {
   int descriptor() const { return socket_.number(); }
   EventLoop& loop() const { return loop_; }
 
+  /// From now on every byte goes through `layer`. Once, while nobody waits.
+  void secure(std::unique_ptr<Layer> layer) { layer_ = std::move(layer); }
+  /// The layer; null while there is none.
+  const Layer* layer() const { return layer_.get(); }
+
   /// The number of bytes received (0 = the peer has ended its side), or a negative errno (-EAGAIN: nothing
   /// there).
   ssize_t receive(std::span<std::byte> buffer);
   /// Waits for reading end only when `bytes` have arrived, or the peer's end, or an error; 1 at first.
-  /// Lowered, it ends a wait that it no longer holds up.
+  /// Lowered, it ends a wait that it no longer holds up. Behind a layer it is a hint of the size alone.
   void setReceiveThreshold(std::size_t bytes);
   /// Bytes that have arrived and not been received.
   std::size_t available() const;
   /// Whether nothing has arrived since the last `receive`, as far as the loop knows: wait instead of trying.
   bool drained() const { return !readable_; }
+  /// What proofs made within this connection can be bound to, as Layer says; empty where there is nothing.
+  std::vector<std::byte> channelBinding() const {
+    return layer_ == nullptr ? std::vector<std::byte>() : layer_->channelBinding();
+  }
+  /// Whether all that was sent has reached the socket. Without a layer it always has.
+  bool flushed() const { return layer_ == nullptr || layer_->flushed(); }
   /// The number of bytes sent, or a negative errno (-EAGAIN: the send buffer is full). `more`: further bytes
   /// follow at once, so the kernel may hold a partial packet back.
   ssize_t send(std::span<const std::byte> bytes, bool more = false);
   ssize_t send(std::span<const iovec> pieces, bool more = false);
   /// As sendfile(2), from `file` at `offset`.
   ssize_t sendFile(int file, std::uint64_t offset, std::size_t length);
+
+  // For the layer:
+  ssize_t receiveFromSocket(std::span<std::byte> buffer);
+  ssize_t sendToSocket(std::span<const std::byte> bytes, bool more = false);
 
   /// How a wait ended.
   enum class Wake { ready, interrupted };
@@ -82,6 +101,7 @@ class Stream final : public EventHandler {
  private:
   EventLoop& loop_;
   FileDescriptor socket_;
+  std::unique_ptr<Layer> layer_;
   int failure_ = 0;
   std::size_t receiveThreshold_ = 1;
   bool readable_ = true;

@@ -34,6 +34,7 @@ void Sender::send(std::span<const std::byte> bytes, bool more) {
     }
     bytes = bytes.subspan(static_cast<std::size_t>(std::max<ssize_t>(sent, 0)));
     if (bytes.empty()) {
+      awaitFlushed();
       return;
     }
   }
@@ -56,6 +57,7 @@ void Sender::sendFile(std::shared_ptr<Storage> storage, std::uint64_t offset, st
       return;
     }
     if (piece.length == 0) {
+      awaitFlushed();
       return;
     }
   }
@@ -97,6 +99,13 @@ void Sender::appendCopy(std::span<const std::byte> bytes) {
   last.end += bytes.size();
 }
 
+/// Whoever waits for the end of sending waits for what the stream's layer has taken as well.
+void Sender::awaitFlushed() {
+  if (!stream_.flushed()) {
+    flushSoon(false);
+  }
+}
+
 void Sender::flushSoon(bool endOfTurn) {
   if (flushing_.running() == 0) {
     flushing_.spawn(flush(endOfTurn));
@@ -135,7 +144,7 @@ Sender::Outcome Sender::sendQueued() {
       return Outcome::failed;
     }
   }
-  return Outcome::done;
+  return stream_.flushed() ? Outcome::done : Outcome::blocked;
 }
 
 ssize_t Sender::sendBuffers() {
@@ -218,7 +227,7 @@ ssize_t Sender::sendRange(Piece& piece) {
 }
 
 Io::Task<void> Sender::finish() {
-  while (!failed_ && !queue_.empty()) {
+  while (!failed_ && !idle()) {
     Io::Signal::Waiting wait = drained_.wait();
     co_await wait;
   }

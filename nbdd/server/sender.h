@@ -39,7 +39,7 @@ class Sender {
 
   /// Bytes of memory that wait for the client to read: whole buffers, but for what of them has been sent.
   std::size_t pending() const { return pending_; }
-  bool idle() const { return queue_.empty(); }
+  bool idle() const { return queue_.empty() && stream_.flushed(); }
   /// Nothing can be sent any more; what is queued is dropped.
   bool failed() const { return failed_; }
 
@@ -65,6 +65,7 @@ class Sender {
   enum class Outcome { done, blocked, failed };
 
   void appendCopy(std::span<const std::byte> bytes);
+  void awaitFlushed();
   void flushSoon(bool endOfTurn);
   Io::Task<void> flush(bool endOfTurn);
   Outcome sendQueued();
