@@ -63,6 +63,9 @@ enum class FailureCode : std::uint32_t {
   discoveryFailed = 0x55,
   expressionInvalid = 0x56,
   extensionMissing = 0x57,
+  remoteWithoutTls = 0x58,
+  remoteDemandsTls = 0x59,
+  tlsFailed = 0x5a,
 
   // Reservations.
   notReserved = 0x60,

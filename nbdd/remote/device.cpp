@@ -78,7 +78,8 @@ Io::Task<void> Device::keepConnected(std::size_t number) {
   Link& link = links_[number];
   Backoff backoff(options_.pauses, std::random_device{}());
   while (!stopping_) {
-    Dialler dialler(loop_, options_.server, options_.patience);
+    Dialler dialler(loop_, options_.server, options_.patience,
+                    options_.security == nullptr ? Security() : options_.security->get());
     link.dialler = &dialler;
     const bool compression = compression_;
     Nbd::Extension::Inquiry::Wish wish;

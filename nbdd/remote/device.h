@@ -52,6 +52,7 @@ class Device {
     std::chrono::milliseconds settleTime = Limits::settleTime;
     std::optional<Geometry> geometry = {};  ///< of an export that is known already: that or none
     Reservations::Records* reservations = nullptr;  ///< leases, to be shown to their servers; outlive this
+    std::shared_ptr<const SharedSecurity> security = {};  ///< null: connections are in the clear
   };
 
   /// What users of the device have to know, on the loop's thread. None of them may destroy the device.

@@ -14,6 +14,7 @@
 
 #include "nbdd/limits.h"
 #include "nbdd/log/log.h"
+#include "nbdd/tls/handshake.h"
 
 namespace Nbdd::Remote {
 
@@ -68,6 +69,8 @@ void prepare(int socket) {
 }
 
 FailureCode codeOf(const ClientHandshake::Failure& failure) {
+  if (failure.noTls) return FailureCode::remoteWithoutTls;
+  if (failure.isRefusal && failure.reply == Nbd::ReplyType::tlsRequired) return FailureCode::remoteDemandsTls;
   if (!failure.isRefusal) return FailureCode::remoteProtocolError;
   return failure.reply == Nbd::ReplyType::unknown ? FailureCode::noSuchRemoteExport
                                                   : FailureCode::remoteRefused;
@@ -81,10 +84,11 @@ Dialler::Patience Dialler::usualPatience() {
   return {.whole = Limits::dialTime, .address = Limits::connectTime};
 }
 
-Dialler::Dialler(Io::EventLoop& loop, Place place, Patience patience)
+Dialler::Dialler(Io::EventLoop& loop, Place place, Patience patience, Security security)
     : loop_(loop),
       place_(std::move(place)),
       patience_(patience),
+      security_(std::move(security)),
       wake_(loop),
       deadline_(loop, [this] { end(Verdict::timeUp); }),
       addressDeadline_(loop, [this] {
@@ -180,6 +184,7 @@ Io::Task<int> Dialler::connectTo(SocketAddress address, int socket) {
 }
 
 Io::Task<DialResult> Dialler::negotiate(Dialled dialled, ClientHandshake::Wish wish) {
+  wish.tls = security_.mode;
   ClientHandshake handshake(std::move(wish));
   std::vector<std::byte> output;
   for (;;) {
@@ -197,6 +202,13 @@ Io::Task<DialResult> Dialler::negotiate(Dialled dialled, ClientHandshake::Wish w
       dialled.exports = handshake.exports();
       co_return dialled;
     }
+    if (sent && progress.state == ClientHandshake::State::startTls) {
+      auto securing = secure();
+      auto secured = co_await securing;
+      if (!secured) co_return std::unexpected(std::move(secured.error()));
+      handshake.secured(output);
+      continue;  // nothing was received yet; what is to be sent is sent
+    }
     bool going = sent;
     if (going) {
       Io::Task<bool> receiving = receiveMore(dialled.received);
@@ -205,6 +217,14 @@ Io::Task<DialResult> Dialler::negotiate(Dialled dialled, ClientHandshake::Wish w
     if (verdict_ != Verdict::goOn) co_return interrupted("the server says nothing");
     if (!going) co_return failure(FailureCode::connectionFailed, "the server closed the connection");
   }
+}
+
+Io::Task<std::expected<void, Failure>> Dialler::secure() {
+  auto shaking = Tls::shakeHands(*stream_, nullptr, security_.credentials, place_.host);
+  const std::expected<Tls::Peer, std::string> peer = co_await shaking;
+  if (verdict_ != Verdict::goOn) co_return interrupted("the TLS handshake took too long");
+  if (!peer) co_return failure(FailureCode::tlsFailed, fmt::format("TLS has failed: {}", peer.error()));
+  co_return std::expected<void, Failure>();
 }
 
 Io::Task<bool> Dialler::sendAll(std::vector<std::byte>& output) {

@@ -15,6 +15,7 @@
 #include "nbdd/io/stream.h"
 #include "nbdd/io/task.h"
 #include "nbdd/remote/address.h"
+#include "nbdd/remote/security.h"
 
 namespace Nbdd::Remote {
 
@@ -47,7 +48,7 @@ class Dialler {
   };
   static Patience usualPatience();
 
-  Dialler(Io::EventLoop& loop, Place place, Patience patience = usualPatience());
+  Dialler(Io::EventLoop& loop, Place place, Patience patience = usualPatience(), Security security = {});
 
   /// Once. The failure says what went wrong with whom, in words for the operator.
   Io::Task<DialResult> dial(Nbd::ClientHandshake::Wish wish);
@@ -65,6 +66,7 @@ class Dialler {
   Io::Task<std::expected<Io::FileDescriptor, Control::Failure>> connect(std::vector<SocketAddress> addresses);
   Io::Task<int> connectTo(SocketAddress address, int socket);
   Io::Task<DialResult> negotiate(Dialled dialled, Nbd::ClientHandshake::Wish wish);
+  Io::Task<std::expected<void, Control::Failure>> secure();
   Io::Task<bool> sendAll(std::vector<std::byte>& output);
   Io::Task<bool> receiveMore(std::vector<std::byte>& received);
 
@@ -75,6 +77,7 @@ class Dialler {
   Io::EventLoop& loop_;
   const Place place_;
   const Patience patience_;
+  const Security security_;
   Io::Signal wake_;
   Io::Timer deadline_;
   Io::Timer addressDeadline_;
