@@ -12,28 +12,16 @@
 
 #include "control/utf8.h"
 #include "nbdd/config/read_file.h"
+#include "nbdd/config/security_settings.h"
+#include "nbdd/config/toml.h"
 #include "nbdd/limits.h"
 #include "nbdd/log/log.h"
-
-// Errors as values, and the library's code in this file alone. Some of its assertions fail on wrong input
-// that the code behind them reports quite properly; in release builds they would even become promises to the
-// compiler. So they are nothing here, in every build, and the fuzz target shows that nothing is missing.
-#undef NDEBUG
-#define TOML_ASSERT(expression) static_cast<void>(0)
-#define TOML_EXCEPTIONS 0
-#define TOML_ENABLE_FORMATTERS 0
-#include <toml++/toml.h>
 
 namespace Nbdd {
 
 namespace {
 
 using Failure = std::unexpected<std::string>;
-
-/// One place in the file, as compilers write it.
-Failure failAt(std::string_view file, const toml::source_region& source, std::string_view sentence) {
-  return Failure(fmt::format("{}:{}:{}: {}", file, source.begin.line, source.begin.column, sentence));
-}
 
 /// Names of network interfaces, as far as anybody gives them such names.
 bool isZoneCharacter(char character) {
@@ -105,8 +93,9 @@ std::expected<std::uint16_t, std::string> readPort(const toml::node& node, std::
   return static_cast<std::uint16_t>(*number);
 }
 
-std::expected<void, std::string> readServer(const toml::table& table, std::string_view file,
+std::expected<void, std::string> readServer(const toml::table& table, const TomlSource& source,
                                             Configuration& configuration) {
+  const std::string_view file = source.file;
   for (const auto& [key, node] : table) {
     if (key == "listen") {
       auto listen = readListen(node, file);
@@ -116,11 +105,16 @@ std::expected<void, std::string> readServer(const toml::table& table, std::strin
       auto port = readPort(node, file);
       if (!port) return Failure(std::move(port.error()));
       configuration.port = *port;
+    } else if (key == "allow") {
+      auto allow = readAllow(node, source);
+      if (!allow) return Failure(std::move(allow.error()));
+      configuration.allow = std::move(*allow);
     } else {
       return failAt(
           file, key.source(),
-          fmt::format("there is no setting '{}' in [server]: take it out, or write 'listen' or 'port'",
-                      escaped(key.str())));
+          fmt::format(
+              "there is no setting '{}' in [server]: take it out, or write 'listen', 'port' or 'allow'",
+              escaped(key.str())));
     }
   }
   return {};
@@ -227,8 +221,8 @@ std::expected<void, std::string> readReservations(const toml::table& table, std:
 }
 
 /// `text` with a question mark for each character beyond ASCII. The library's tables of such characters run
-/// into unreachable code for some of them. They matter nowhere but in comments: no key and no value of ours
-/// has any, so a question mark there is as wrong as the character was.
+/// into unreachable code for some of them. They matter nowhere but in comments. A value that may hold them
+/// has them escaped, and one that does not escape them is refused: see readText.
 std::string asciiOnly(std::string_view text) {
   std::string ascii;
   ascii.reserve(text.size());
@@ -277,11 +271,14 @@ std::expected<Configuration, std::string> parseConfiguration(std::string_view te
                   fmt::format("this is not TOML ({}): correct it", printable(error.description())));
   }
   Configuration configuration;
+  const TomlSource source{.file = file, .text = text};
   for (const auto& [key, node] : parsed.table()) {
-    if (key != "server" && key != "discovery" && key != "reservations") {
+    const bool known =
+        key == "server" || key == "discovery" || key == "reservations" || key == "tls" || key == "exports";
+    if (!known) {
       return failAt(file, key.source(),
                     fmt::format("there is no section or setting '{}': take it out, or put settings in "
-                                "[server], [discovery] or [reservations]",
+                                "[server], [discovery], [reservations], [tls] or [exports.\"name\"]",
                                 escaped(key.str())));
     }
     const toml::table* const section = node.as_table();
@@ -292,11 +289,15 @@ std::expected<Configuration, std::string> parseConfiguration(std::string_view te
     }
     std::expected<void, std::string> read;
     if (key == "server") {
-      read = readServer(*section, file, configuration);
+      read = readServer(*section, source, configuration);
     } else if (key == "discovery") {
       read = readDiscovery(*section, file, configuration);
-    } else {
+    } else if (key == "reservations") {
       read = readReservations(*section, file, configuration);
+    } else if (key == "tls") {
+      read = readTls(*section, source, configuration);
+    } else {
+      read = readExports(*section, source, configuration);
     }
     if (!read) return Failure(std::move(read.error()));
   }

@@ -4,11 +4,14 @@
 #include <cstdint>
 #include <expected>
 #include <filesystem>
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "nbdd/config/network.h"
 #include "nbdd/reservations/limits.h"
+#include "nbdd/tls/settings.h"
 
 namespace Nbdd {
 
@@ -25,6 +28,12 @@ struct Configuration {
   std::uint16_t port = nbdPort;
   /// How long a reservation of this server lasts unless its holder renews it.
   std::chrono::seconds lease = Limits::usualLease;
+  /// Where clients may come from. Empty: from everywhere.
+  AllowList allow;
+  /// Where the clients of single exports may come from, by the exports' names.
+  std::map<std::string, AllowList> exportAllow;
+  Tls::ServerSettings tls;
+  Tls::ImportSettings importTls;
 
   /// Whether servers are found in the local network, and this one is announced there.
   bool discovery = true;

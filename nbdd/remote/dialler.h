@@ -54,7 +54,12 @@ class Dialler {
   Io::Task<DialResult> dial(Nbd::ClientHandshake::Wish wish);
 
   /// What binds proofs to the channel that the handshake goes over; nothing in the clear.
-  std::optional<std::string> channelBinding() const { return std::nullopt; }
+  std::optional<std::string> channelBinding() const {
+    const std::vector<std::byte> bytes =
+        stream_ == nullptr ? std::vector<std::byte>() : stream_->channelBinding();
+    if (bytes.empty()) return std::nullopt;
+    return std::string(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+  }
 
   /// Ends it soon, wherever it is, with a failure.
   void cancel();

@@ -70,8 +70,9 @@ Control::RemoteExportList listOf(const Inquiry::Findings& findings,
 
 }  // namespace
 
-Listings::Listings(Io::EventLoop& loop, Nbd::Extension::Hello self, Dialler::Patience patience)
-    : loop_(loop), self_(std::move(self)), patience_(patience) {}
+Listings::Listings(Io::EventLoop& loop, Nbd::Extension::Hello self, Dialler::Patience patience,
+                   std::shared_ptr<const SharedSecurity> security)
+    : loop_(loop), self_(std::move(self)), patience_(patience), security_(std::move(security)) {}
 
 void Listings::fetch(Place place, std::optional<std::vector<std::byte>> expression,
                      Control::Answer<Control::RemoteExportList> answer) {
@@ -98,7 +99,7 @@ Io::Task<Listings::Result> Listings::ask(Place place, std::optional<std::vector<
                    .exports = true,
                    .expression = std::move(expression),
                    .nothingElse = true});
-  Dialler dialler(loop_, place, patience_);
+  Dialler dialler(loop_, place, patience_, security_ == nullptr ? Security() : security_->get());
   const auto position = diallers_.insert(diallers_.end(), &dialler);
   Io::Task<DialResult> dialling =
       dialler.dial({.goal = Nbd::ClientHandshake::Goal::details, .dialogue = &inquiry});

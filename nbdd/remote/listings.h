@@ -20,7 +20,8 @@ class Listings {
  public:
   /// `self`: what servers of our own kind are told of this one.
   Listings(Io::EventLoop& loop, Nbd::Extension::Hello self,
-           Dialler::Patience patience = Dialler::usualPatience());
+           Dialler::Patience patience = Dialler::usualPatience(),
+           std::shared_ptr<const SharedSecurity> security = {});
 
   /// `expression`: an encoded DiskSpec expression; only exports that match it are answered, and only a server
   /// of our own kind can. Answers within the time that a dialler takes, whatever the server does.
@@ -41,6 +42,7 @@ class Listings {
   Io::EventLoop& loop_;
   const Nbd::Extension::Hello self_;
   const Dialler::Patience patience_;
+  const std::shared_ptr<const SharedSecurity> security_;
   std::list<Dialler*> diallers_;
   bool closing_ = false;
   Io::Scope scope_;

@@ -121,6 +121,16 @@ bool ExportTable::isAdmitted(const std::optional<Reservations::LeaseId>& lease) 
   return !reserved_ || (lease_ && lease == lease_);
 }
 
+void ExportTable::setAccess(std::shared_ptr<const Access> access) {
+  const std::lock_guard lock(mutex_);
+  access_ = std::move(access);
+}
+
+std::shared_ptr<const Access> ExportTable::access() const {
+  const std::lock_guard lock(mutex_);
+  return access_;
+}
+
 ExportTable::Attachment ExportTable::attach(const std::shared_ptr<const Publication>& publication,
                                             AttachedSession session, std::function<void()> wake) {
   const std::lock_guard lock(mutex_);

@@ -17,6 +17,7 @@
 #include "nbdd/exports/publication.h"
 #include "nbdd/io/file_descriptor.h"
 #include "nbdd/reservations/lease.h"
+#include "nbdd/server/access.h"
 
 namespace Nbdd {
 
@@ -32,6 +33,8 @@ struct AttachedSession {
   int socket = -1;  // stays open while the session is attached
   Control::Endpoint peer;
   std::optional<Reservations::LeaseId> lease = std::nullopt;  // that the client has proven to hold
+  std::string
+      security{};  // how its connection is secured and who it proved to be, for people; empty in the clear
 };
 
 /// The published exports and who uses them: the one place where the control thread and the workers meet. Any
@@ -51,6 +54,10 @@ class ExportTable final : public Nbd::ExportDirectory {
 
   /// All of them, in the order of their names.
   std::vector<std::shared_ptr<const Publication>> publications() const;
+
+  /// Who may come from now on. Never null.
+  void setAccess(std::shared_ptr<const Access> access);
+  std::shared_ptr<const Access> access() const;
 
   enum class Attachment : std::uint8_t {
     attached,
@@ -107,6 +114,7 @@ class ExportTable final : public Nbd::ExportDirectory {
   mutable std::mutex mutex_;
   bool reserved_ = false;                       // only sessions with the lease are attached
   std::optional<Reservations::LeaseId> lease_;  // if that is so
+  std::shared_ptr<const Access> access_ = std::make_shared<const Access>();
   std::map<std::string, std::shared_ptr<const Publication>, std::less<>> published_;  // by name
   std::unordered_map<Control::ExportId, std::string> names_;                          // of the published ones
   std::unordered_map<Control::ExportId, Usage> usage_;

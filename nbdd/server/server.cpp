@@ -26,6 +26,9 @@ struct Server::State : std::enable_shared_from_this<Server::State> {
   ExtensionService extension;  // outlives the searches, which use it
   Io::ThreadPool pool{Limits::poolThreads};
   Io::ThreadPool searches{Limits::searchThreads};
+  // One for two processors: however many clients come at once, half of the processors are for those that are
+  // there.
+  Io::ThreadPool handshakes{std::max(1U, std::thread::hardware_concurrency() / 2)};
   WorkerEvents workerEvents;
   std::vector<std::unique_ptr<Worker>> workers;
   std::unique_ptr<Listener> listener;
@@ -69,7 +72,7 @@ struct Server::State : std::enable_shared_from_this<Server::State> {
     const unsigned int count =
         options.workers != 0 ? options.workers : std::max(1U, std::thread::hardware_concurrency());
     for (unsigned int index = 0; index < count; ++index) {
-      workers.push_back(std::make_unique<Worker>(*table, pool, options.allowRing, workerEvents));
+      workers.push_back(std::make_unique<Worker>(*table, pool, handshakes, options.allowRing, workerEvents));
     }
   }
 
@@ -86,6 +89,12 @@ struct Server::State : std::enable_shared_from_this<Server::State> {
   }
 
   void adopt(Io::FileDescriptor socket, Control::Endpoint peer) {
+    const std::optional<HostAddress> address = HostAddress::parse(peer.address);
+    if (!table->access()->admits(address)) {
+      log(LogLevel::warning, "client-not-allowed", "turned a client at {} away: its network is not allowed",
+          escaped(peer.address));
+      return;
+    }
     if (connections >= Limits::connections) {
       log(LogLevel::warning, "too-many-connections", "turned a client at {} away: {} connections are open",
           escaped(peer.address), connections);
@@ -179,6 +188,10 @@ void Server::close(Io::Function done) {
   }
 }
 
+void Server::setAccess(std::shared_ptr<const Access> access) { state_->table->setAccess(std::move(access)); }
+
+Nbd::TlsMode Server::tlsMode() const { return state_->table->access()->tls; }
+
 void Server::publish(Publication publication) { state_->table->publish(std::move(publication)); }
 
 void Server::withdraw(Control::ExportId id) { state_->table->withdraw(id); }
@@ -226,7 +239,9 @@ void Server::endHolder(const Reservations::LeaseId& lease) {
 std::vector<Control::ExportClientInfo> Server::clients(Control::ExportId id) const {
   std::vector<Control::ExportClientInfo> clients;
   for (AttachedSession& session : state_->table->sessions(id)) {
-    clients.push_back({.endpoint = std::move(session.peer), .details = {}});
+    Control::Variant details;
+    if (!session.security.empty()) details.push_back({"security", std::move(session.security)});
+    clients.push_back({.endpoint = std::move(session.peer), .details = std::move(details)});
   }
   return clients;
 }

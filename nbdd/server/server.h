@@ -15,6 +15,7 @@
 #include "nbdd/exports/publication.h"
 #include "nbdd/io/event_loop.h"
 #include "nbdd/reservations/gate.h"
+#include "nbdd/server/access.h"
 #include "nbdd/server/conversation.h"
 
 namespace Nbdd {
@@ -74,6 +75,11 @@ class Server final : public Reservations::Gate {
 
   /// Stops listening, lets every session finish the requests that run, ends it, and then calls `done`.
   void close(Io::Function done);
+
+  /// Who may come from now on, and how connections are secured; everybody, and in the clear, at first.
+  /// Clients that are there stay.
+  void setAccess(std::shared_ptr<const Access> access);
+  Nbd::TlsMode tlsMode() const;
 
   /// From now on clients find this export. Its id and its name must not be published already.
   void publish(Publication publication);

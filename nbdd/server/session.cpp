@@ -1,14 +1,50 @@
 #include "nbdd/server/session.h"
 
 #include <cerrno>
+#include <expected>
 #include <utility>
 
 #include "nbdd/limits.h"
 #include "nbdd/log/log.h"
 #include "nbdd/server/admitted_directory.h"
 #include "nbdd/server/worker.h"
+#include "nbdd/tls/handshake.h"
 
 namespace Nbdd {
+
+namespace {
+
+/// The exports as one client sees them: those that it may not use are refused.
+class ClientDirectory final : public Nbd::ExportDirectory {
+ public:
+  ClientDirectory(const Nbd::ExportDirectory& all, std::shared_ptr<const Access> access,
+                  const Control::Endpoint& client)
+      : all_(all),
+        access_(std::move(access)),
+        client_(client),
+        address_(HostAddress::parse(client.address)) {}
+
+  std::optional<Nbd::ExportView> find(std::string_view name) const override {
+    std::optional<Nbd::ExportView> view = all_.find(name);
+    if (view && !access_->admits(address_, view->name)) {
+      log(LogLevel::warning, "client-not-allowed",
+          "refused the export \"{}\" to client {} port {}: its network is not allowed", escaped(view->name),
+          client_.address, client_.port);
+      view->refusal = "this export is not for your network";
+    }
+    return view;
+  }
+
+  std::shared_ptr<const std::vector<Nbd::ListedExport>> list() const override { return all_.list(); }
+
+ private:
+  const Nbd::ExportDirectory& all_;
+  const std::shared_ptr<const Access> access_;
+  const Control::Endpoint& client_;
+  const std::optional<HostAddress> address_;
+};
+
+}  // namespace
 
 Session::Session(Worker& worker, SessionId id, Io::FileDescriptor socket, Control::Endpoint peer)
     : worker_(worker),
@@ -60,15 +96,26 @@ Io::Task<void> Session::linger() {
   }
 }
 
+std::unique_ptr<Conversation> Session::beginConversation() {
+  const ExtensionService* const extension = worker_.events().extension;
+  if (extension == nullptr) {
+    return nullptr;
+  }
+  Reservations::Client client{.id = id_, .address = peer_.address, .binding = {}};
+  if (const std::vector<std::byte> binding = stream_.channelBinding(); !binding.empty()) {
+    client.binding.emplace(reinterpret_cast<const char*>(binding.data()), binding.size());
+  }
+  return std::make_unique<Conversation>(*extension, worker_.table(), std::move(client),
+                                        [worker = &worker_, id = id_] { worker->wakeSession(id); });
+}
+
 Io::Task<std::optional<Session::Agreement>> Session::negotiate() {
   using State = Nbd::ServerHandshake::State;
-  if (const ExtensionService* const extension = worker_.events().extension) {
-    conversation_ = std::make_unique<Conversation>(
-        *extension, worker_.table(), Reservations::Client{.id = id_, .address = peer_.address, .binding = {}},
-        [worker = &worker_, id = id_] { worker->wakeSession(id); });
-  }
-  const AdmittedDirectory directory(worker_.table(), worker_.table(), conversation_);
-  Nbd::ServerHandshake handshake(directory, {}, conversation_.get());
+  const std::shared_ptr<const Access> access = worker_.table().access();
+  const ClientDirectory allowed(worker_.table(), access, peer_);
+  const AdmittedDirectory directory(allowed, worker_.table(), conversation_);
+  conversation_ = beginConversation();
+  Nbd::ServerHandshake handshake(directory, {.tls = access->tls}, conversation_.get());
   std::vector<std::byte> output;
   handshake.greet(output);
   std::size_t used = 0;  // of what was received, from its front
@@ -83,6 +130,20 @@ Io::Task<std::optional<Session::Agreement>> Session::negotiate() {
     used += progress.consumed;
     if (progress.state == State::failed) {
       co_return std::nullopt;
+    }
+    if (progress.state == State::startTls) {
+      Io::Task<bool> securing = secure(access, output);
+      const bool secured = co_await securing;
+      if (!secured) {
+        co_return std::nullopt;
+      }
+      // What the client asked for in the clear is forgotten.
+      std::unique_ptr<Conversation> anew = beginConversation();
+      handshake.secured(anew.get());
+      conversation_ = std::move(anew);
+      received_.clear();
+      used = 0;
+      continue;
     }
     if (progress.state != State::negotiating) {
       received_.erase(received_.begin(), received_.begin() + static_cast<std::ptrdiff_t>(used));
@@ -109,6 +170,27 @@ Io::Task<std::optional<Session::Agreement>> Session::negotiate() {
       co_await turn;
     }
   }
+}
+
+/// Says yes to the client that asked for TLS, and makes the connection secure.
+Io::Task<bool> Session::secure(std::shared_ptr<const Access> access,
+                               std::vector<std::byte>& acknowledgement) {
+  deadline_.start(Limits::handshakeTime);
+  Io::Task<bool> sending = sendAll(acknowledgement);
+  const bool sent = co_await sending;
+  if (!sent || ending_) {
+    co_return false;
+  }
+  auto shaking = Tls::shakeHands(stream_, &worker_.handshakes(), access->credentials);
+  const std::expected<Tls::Peer, std::string> peer = co_await shaking;
+  if (!peer) {
+    log(LogLevel::warning, "tls-failed", "TLS with client {} port {} has failed: {}", peer_.address,
+        peer_.port, peer.error());
+    co_return false;
+  }
+  deadline_.start(Limits::handshakeTime);
+  security_ = peer->description();
+  co_return true;
 }
 
 /// Awaits that all of it is sent: a client that does not read gets no further answers.
@@ -150,7 +232,8 @@ Io::Task<bool> Session::attach(std::shared_ptr<const Publication> publication) {
                                 .worker = &worker_,
                                 .socket = stream_.descriptor(),
                                 .peer = peer_,
-                                .lease = conversation_ ? conversation_->lease() : std::nullopt},
+                                .lease = conversation_ ? conversation_->lease() : std::nullopt,
+                                .security = security_},
                                [worker = &worker_, id = id_] { worker->wakeSession(id); });
     if (attachment == ExportTable::Attachment::outOfDescriptors) {
       log(LogLevel::warning, "out-of-descriptors",
@@ -182,8 +265,9 @@ Io::Task<void> Session::serve(Agreement agreement) {
   if (!attached) {
     co_return;
   }
-  log(LogLevel::info, "client-came", "export {}: client {} port {} uses it",
-      static_cast<std::uint32_t>(publication->id), peer_.address, peer_.port);
+  log(LogLevel::info, "client-came", "export {}: client {} port {} uses it{}{}",
+      static_cast<std::uint32_t>(publication->id), peer_.address, peer_.port,
+      security_.empty() ? "" : ", by ", security_);
   transmission_ = std::make_unique<Transmission>(worker_, stream_, sender_, publication, agreement,
                                                  conversation_ ? conversation_->compression() : std::nullopt);
   if (!ending_) {

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <memory>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "control/records.h"
@@ -45,7 +46,9 @@ class Session {
  private:
   using Agreement = Nbd::ServerHandshake::Agreement;
 
+  std::unique_ptr<Conversation> beginConversation();
   Io::Task<std::optional<Agreement>> negotiate();
+  Io::Task<bool> secure(std::shared_ptr<const Access> access, std::vector<std::byte>& acknowledgement);
   Io::Task<bool> sendAll(std::vector<std::byte>& output);
   Io::Task<bool> receiveMore();
   Io::Task<bool> attach(std::shared_ptr<const Publication> publication);
@@ -62,6 +65,7 @@ class Session {
   std::unique_ptr<Conversation> conversation_;  // of the private extension
   std::vector<std::byte> received_;             // during the handshake: what was received and not used yet
   std::unique_ptr<Transmission> transmission_;
+  std::string security_;  // how the connection is secured, for people; empty in the clear
   bool ending_ = false;
 };
 

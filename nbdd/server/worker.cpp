@@ -10,9 +10,11 @@
 
 namespace Nbdd {
 
-Worker::Worker(ExportTable& table, Io::ThreadPool& pool, bool allowRing, const WorkerEvents& events)
+Worker::Worker(ExportTable& table, Io::ThreadPool& pool, Io::ThreadPool& handshakes, bool allowRing,
+               const WorkerEvents& events)
     : table_(table),
       pool_(pool),
+      handshakes_(handshakes),
       events_(events),
       inputMemory_(buffers_.take(Limits::inputBatch)),
       replyMemory_(buffers_.take(Limits::replyBatch)),

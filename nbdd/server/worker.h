@@ -37,8 +37,10 @@ struct WorkerEvents {
 /// One thread with an event loop, and the sessions that live on it.
 class Worker {
  public:
-  /// Starts the thread. `table`, `pool` and `events` outlive it.
-  Worker(ExportTable& table, Io::ThreadPool& pool, bool allowRing, const WorkerEvents& events);
+  /// Starts the thread. `table`, the pools and `events` outlive it. `pool` is for storage, `handshakes` for
+  /// the arithmetic of TLS.
+  Worker(ExportTable& table, Io::ThreadPool& pool, Io::ThreadPool& handshakes, bool allowRing,
+         const WorkerEvents& events);
   /// As `finish`.
   ~Worker();
   Worker(const Worker&) = delete;
@@ -70,6 +72,7 @@ class Worker {
   Io::BufferPool& buffers() { return buffers_; }
   ExportTable& table() { return table_; }
   Io::ThreadPool& pool() { return pool_; }
+  Io::ThreadPool& handshakes() { return handshakes_; }
   MemoryBudget& payloadMemory() { return payloadMemory_; }
   const WorkerEvents& events() const { return events_; }
   /// Tasks that no session owns: they may outlive the one that began them.
@@ -89,6 +92,7 @@ class Worker {
 
   ExportTable& table_;
   Io::ThreadPool& pool_;
+  Io::ThreadPool& handshakes_;
   const WorkerEvents& events_;
   Io::EventLoop loop_;
   std::atomic<std::size_t> sessionCount_ = 0;

@@ -45,6 +45,28 @@ StartUp<Configuration> readConfiguration(const Locations& locations) {
   return std::move(*configuration);
 }
 
+/// Who may come, and how connections are secured, with what the files hold now.
+StartUp<Security> readSecurity(const Configuration& configuration) {
+  Access access{.tls = configuration.tls.mode,
+                .credentials = {},
+                .networks = configuration.allow,
+                .exports = {configuration.exportAllow.begin(), configuration.exportAllow.end()}};
+  Security security;
+  if (configuration.tls.mode != Nbd::TlsMode::off) {
+    auto credentials = Tls::Credentials::load(configuration.tls);
+    if (!credentials) return std::unexpected(StartUpFailure{std::move(credentials.error())});
+    access.credentials = std::move(*credentials);
+  }
+  security.imports.mode = configuration.importTls.mode;
+  if (configuration.importTls.mode != Nbd::TlsMode::off) {
+    auto credentials = Tls::Credentials::load(configuration.importTls);
+    if (!credentials) return std::unexpected(StartUpFailure{std::move(credentials.error())});
+    security.imports.credentials = std::move(*credentials);
+  }
+  security.access = std::make_shared<const Access>(std::move(access));
+  return security;
+}
+
 ExitCode tell(const StartUpFailure& failure) {
   fmt::print(stderr, "nbdd: {}\n", failure.sentence);
   return failure.code;
@@ -86,9 +108,12 @@ StartUp<void> Application::start() {
   auto listener = listenForControl();
   if (!listener) return std::unexpected(std::move(listener.error()));
 
+  auto security = readSecurity(configuration_);
+  if (!security) return std::unexpected(std::move(security.error()));
   service_ = std::make_unique<LocalService>(
       loop_, store_, std::move(*state), locations_.runtimeDirectory / "imports", listening(configuration_),
       *reservations_, configuration_.lease, *storage, discovery(configuration_));
+  service_->setSecurity(std::move(*security));
   service_->restore();
   control_ =
       std::make_unique<ControlServer>(loop_, *service_, identity(), std::move(*listener),
@@ -164,15 +189,20 @@ void Application::onSignal(int signal) {
 void Application::reload() {
   supervisor_.reloading();
   auto configuration = readConfiguration(locations_);
-  if (!configuration) {
-    log(LogLevel::error, "reload-failed", "the configuration stays as it was: {}",
-        configuration.error().sentence);
-  } else if (*configuration == configuration_) {
-    log(LogLevel::info, "reloaded", "the configuration was read again and has not changed");
+  auto security = configuration ? readSecurity(*configuration)
+                                : StartUp<Security>(std::unexpected(configuration.error()));
+  if (!security) {
+    log(LogLevel::error, "reload-failed", "the configuration stays as it was: {}", security.error().sentence);
   } else {
+    // Even where the configuration is the same, certificates and keys may be new.
+    service_->setSecurity(std::move(*security));
+    const bool changed = *configuration != configuration_;
     configuration_ = std::move(*configuration);
-    log(LogLevel::notice, "reloaded",
-        "the configuration was read again: what has changed holds from the next start of nbdd on");
+    log(changed ? LogLevel::notice : LogLevel::info, "reloaded",
+        "{}; certificates, keys and allow lists hold for clients that come from now on",
+        changed
+            ? "the configuration was read again: what else has changed holds from the next start of nbdd on"
+            : "the configuration was read again and has not changed");
   }
   supervisor_.ready(service_->summary());
 }
@@ -226,6 +256,7 @@ ExitCode runApplication(const Options& options) {
   auto configuration = readConfiguration(*locations);
   if (!configuration) return tell(configuration.error());
   if (options.checkConfiguration) {
+    if (const auto security = readSecurity(*configuration); !security) return tell(security.error());
     fmt::print("{} is correct\n", locations->configurationFile.native());
     return ExitCode::success;
   }

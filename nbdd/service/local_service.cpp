@@ -73,9 +73,9 @@ LocalService::LocalService(Io::EventLoop& loop, StateStore& store, SavedState st
       imports_([this](const SavedImport& saved,
                       ImportEvents events) { return startImport(saved, std::move(events)); },
                [this] { return save(); }),
-      listings_(loop, helloOf(saved_)),
+      listings_(loop, helloOf(saved_), Remote::Dialler::usualPatience(), importSecurity_),
       searches_(loop, helloOf(saved_),
-                {.whole = Limits::searchAnswerTime, .address = Limits::searchConnectTime}),
+                {.whole = Limits::searchAnswerTime, .address = Limits::searchConnectTime}, importSecurity_),
       search_(loop,
               [this](const Control::Endpoint& endpoint, Remote::Search::Expression expression,
                      Remote::Search::Answer answer) {
@@ -87,6 +87,11 @@ LocalService::LocalService(Io::EventLoop& loop, StateStore& store, SavedState st
       remoteReservations_(loop, reservations, helloOf(saved_)) {}
 
 LocalService::~LocalService() = default;
+
+void LocalService::setSecurity(Security security) {
+  server_.setAccess(std::move(security.access));
+  importSecurity_->replace(std::move(security.imports));
+}
 
 void LocalService::restore() {
   registry_.restore(saved_);
@@ -240,7 +245,8 @@ Control::Variant LocalService::namedProperties() const {
                     .usedImports = imports_.activeCount(),
                     .connections = server_.connectionCount(),
                     .storageEngine = server_.storageEngine(),
-                    .eventLoops = server_.workerCount()});
+                    .eventLoops = server_.workerCount(),
+                    .tls = server_.tlsMode()});
 }
 
 ServerActivity LocalService::activity() const {
@@ -327,7 +333,8 @@ std::unique_ptr<ImportRun> LocalService::startImport(const SavedImport& saved, I
                                             .readOnly = saved.flags.has(Control::ImportFlag::forceReadOnly),
                                             .compression = saved_.transferCompression,
                                             .self = helloOf(saved_),
-                                            .reservations = &reservations_},
+                                            .reservations = &reservations_,
+                                            .security = importSecurity_},
                                  .directory = nodes_ / std::to_string(number),
                                  .identity = fmt::format("nbdd/{}/{}", saved_.serverUuid, number)};
   return std::make_unique<RunningImport>(loop_, std::move(options), std::move(events));

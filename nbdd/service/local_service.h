@@ -14,13 +14,21 @@
 #include "nbdd/io/event_loop.h"
 #include "nbdd/remote/listings.h"
 #include "nbdd/remote/search.h"
+#include "nbdd/remote/security.h"
 #include "nbdd/reservations/desk.h"
 #include "nbdd/reservations/remote_reservations.h"
+#include "nbdd/server/access.h"
 #include "nbdd/server/server.h"
 #include "nbdd/service/server_properties.h"
 #include "nbdd/state/state_store.h"
 
 namespace Nbdd {
+
+/// What the configuration says about who may come, and how connections are secured. Replaced as a whole.
+struct Security {
+  std::shared_ptr<const Access> access = std::make_shared<const Access>();
+  Remote::Security imports;
+};
 
 /// The operations of the control socket, done by the registries and the NBD server of this process.
 ///
@@ -40,6 +48,9 @@ class LocalService final : public Control::Service {
   ~LocalService() override;
   LocalService(const LocalService&) = delete;
   LocalService& operator=(const LocalService&) = delete;
+
+  /// Holds for clients that come, and connections of imports that are made, from now on.
+  void setSecurity(Security security);
 
   /// Brings back what was saved: enabled exports, then the started server. Once, before the first operation.
   void restore();
@@ -137,6 +148,8 @@ class LocalService final : public Control::Service {
   bool searchesClosed_ = false;
   bool discoveryClosed_ = false;
   Io::Function ended_;
+
+  const std::shared_ptr<Remote::SharedSecurity> importSecurity_ = std::make_shared<Remote::SharedSecurity>();
 
   std::chrono::milliseconds retryDelay_;
   Io::Timer retry_;

@@ -33,6 +33,18 @@ std::string activityText(ServerActivity activity) {
   std::unreachable();
 }
 
+std::string tlsText(Nbd::TlsMode mode) {
+  switch (mode) {
+    case Nbd::TlsMode::off:
+      return "off";
+    case Nbd::TlsMode::allowed:
+      return "allowed";
+    case Nbd::TlsMode::required:
+      return "required";
+  }
+  std::unreachable();
+}
+
 Variant listeningAddresses(const ServerFacts& server) {
   Variant addresses;
   for (const Control::Endpoint& endpoint : server.listening)
@@ -106,6 +118,7 @@ Variant serverProperties(const HostFacts& host, const ServerFacts& server) {
   properties.push_back({"connections", std::uint64_t{server.connections}});
   properties.push_back({"storage engine", std::string(server.storageEngine)});
   properties.push_back({"event loops", std::uint64_t{server.eventLoops}});
+  properties.push_back({"TLS", tlsText(server.tls)});
   properties.push_back({"limits", limits(host)});
   return properties;
 }

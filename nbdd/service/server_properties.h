@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "control/records.h"
+#include "nbd/constants.h"
 
 namespace Nbdd {
 
@@ -44,6 +45,7 @@ struct ServerFacts {
   std::size_t connections = 0;  // all of them, those in the handshake included
   std::string_view storageEngine{};
   std::size_t eventLoops = 0;
+  Nbd::TlsMode tls = Nbd::TlsMode::off;
 };
 
 /// The server's properties: what an operator wants to know, and programs may rely on. Names are never given a
