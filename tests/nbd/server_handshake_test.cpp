@@ -754,4 +754,27 @@ TEST(ServerHandshakeTls, TakesNoData) {
   EXPECT_EQ(conversation.outcome.state, State::negotiating);
 }
 
+// --- Exports that a client may not use
+
+TEST(ServerHandshakeRefusal, IsToldByPolicyAndInItsWords) {
+  Wire::Directory directory;
+  Nbd::ExportView refused = disk;
+  refused.refusal = "not for you";
+  directory.add(refused);
+  for (const Option each : {Option::info, Option::go, Option::setMetaContext, Option::listMetaContext}) {
+    const bool isContext = each == Option::setMetaContext || each == Option::listMetaContext;
+    Conversation conversation(
+        join({option(Option::structuredReply),
+              option(each, isContext ? contextData("disk", {"base:allocation"}) : infoData("disk", {}))}),
+        {}, Wire::clientFlags(), directory);
+    ASSERT_EQ(conversation.replies.size(), 2U);
+    EXPECT_EQ(conversation.replies.back().type, ReplyType::policy);
+    EXPECT_EQ(conversation.replies.back().data, text("not for you"));
+    EXPECT_EQ(conversation.outcome.state, State::negotiating);
+  }
+  Conversation named(option(Option::exportName, text("disk")), {}, Wire::clientFlags(), directory);
+  EXPECT_EQ(named.outcome.state, State::failed);
+  EXPECT_TRUE(named.outcome.output.empty());
+}
+
 }  // namespace
