@@ -53,7 +53,7 @@ std::expected<Locations, std::string> findLocations(const Environment& environme
                                                     const std::optional<std::string>& home,
                                                     const std::optional<std::string>& configurationOption) {
   Locations locations;
-  locations.system = user == 0;
+  locations.system = user == 0 || environment("NBDD_SYSTEM").has_value();
   const auto runtime = overrideFrom(environment, "NBDD_RUNTIME_DIR");
   const auto state = overrideFrom(environment, "NBDD_STATE_DIR");
   const auto configuration = overrideFrom(environment, "NBDD_CONFIG");

@@ -17,7 +17,8 @@ struct Locations {
   std::filesystem::path configurationFile;
   /// Whether somebody named the configuration file, so that it must exist.
   bool configurationNamed = false;
-  /// The system's service, which root runs for group `nbd`; else one user's own.
+  /// The system's service, which root or a user of its own (NBDD_SYSTEM) runs for group `nbd`; else one
+  /// user's own.
   bool system = false;
 
   std::filesystem::path controlSocket() const { return runtimeDirectory / "org.talvek.NBD"; }

@@ -15,6 +15,7 @@
 
 #include "nbdd/limits.h"
 #include "nbdd/log/log.h"
+#include "nbdd/service/privileges.h"
 #include "nbdd/service/server_properties.h"
 #include "talvek_version.h"
 
@@ -144,6 +145,7 @@ StartUp<Io::FileDescriptor> Application::listenForControl() {
 ExitCode Application::run() {
   log(LogLevel::info, "ready", "nbdd {} serves {}: {}", talvekVersion,
       escaped(locations_.controlSocket().native()), service_->summary());
+  log(LogLevel::info, "privileges", "{}", describe(ownPrivileges()));
   tellReady();
   if (options_.onDemand) {
     lastBusy_ = Io::Clock::now();
