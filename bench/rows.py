@@ -131,6 +131,13 @@ class Fio(Row):
         return Sample(total["requestsPerSecond"], cpu / total["requests"], memory.peak)
 
 
+class SecuredFio(Fio):
+    """The same by TLS. Servers that are not measured so are left out."""
+
+    def servers(self, chosen):
+        return [secured for server in chosen if (secured := server.with_tls())]
+
+
 def run_fio(arguments, options, image):
     """Runs one job for options.seconds; what its reads and writes make together."""
     command = [processes.tool("fio"), "--name=bench", "--time_based", f"--runtime={options.seconds * 1000:.0f}ms"]
@@ -428,6 +435,17 @@ ROWS = {
     "read-64k": Fio("64 KiB random read, depth 32", "--rw=randread --bs=64k --iodepth=32", (1.5, 0.55)),
     "read-1m": Fio("1 MiB sequential read, depth 16", "--rw=read --bs=1m --iodepth=16", (1.4, 0.65), True),
     "write-1m": Fio("1 MiB sequential write, depth 16", "--rw=write --bs=1m --iodepth=16", (1.2, 0.55), True),
+    "tls-read-64k": SecuredFio("TLS, 64 KiB random read, depth 32", "--rw=randread --bs=64k --iodepth=32", (1.0, 1.0)),
+    "tls-read-1m": SecuredFio(
+        "TLS, 1 MiB sequential read, depth 16", "--rw=read --bs=1m --iodepth=16", (1.0, 1.0), True
+    ),
+    "tls-write-64k": SecuredFio(
+        "TLS, 64 KiB random write, depth 32", "--rw=randwrite --bs=64k --iodepth=32", (1.0, 1.0)
+    ),
+    "tls-write-1m": SecuredFio(
+        "TLS, 1 MiB sequential write, depth 16", "--rw=write --bs=1m --iodepth=16", (1.0, 1.0), True
+    ),
+    "tls-read-4k": SecuredFio("TLS, 4 KiB random read, depth 32", "--rw=randread --bs=4k --iodepth=32", (1.0, 1.0)),
     "nbdcopy-out": Copy("nbdcopy out, 4 GiB, 75 % holes", "nbdcopy", True),
     "nbdcopy-in": Copy("nbdcopy in, 4 GiB, 75 % holes", "nbdcopy", False),
     "convert-out": Copy("qemu-img convert out, 4 GiB, 75 % holes", "qemu-img", True),

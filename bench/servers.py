@@ -1,7 +1,10 @@
 """The NBD servers that are measured, each started as a sensible administrator would, on one image at a time."""
 
+import atexit
 import contextlib
+import functools
 import os
+import shutil
 import signal
 import socket
 import subprocess
@@ -13,7 +16,7 @@ from costs import descendants
 
 sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "tests" / "system"))
 
-from support import processes  # noqa: E402
+from support import certificates, processes  # noqa: E402
 from support.service import Service  # noqa: E402
 
 # As many clients as any row has; the default of qemu-nbd is one.
@@ -32,12 +35,36 @@ class Cleanups(contextlib.ExitStack):
         self.callback(function, *words)
 
 
+@functools.cache
+def certificate_directory():
+    """A server's certificate and its authority's, as all servers read them; the same for all of them."""
+    root = Path(tempfile.mkdtemp(prefix="bench-"))
+    atexit.register(shutil.rmtree, root)
+    return certificates.Authority(root / "authority").issue(root / "server", "server", "server")
+
+
+def secured(uri):
+    """The URI of the same export by TLS, for libnbd. Whom it speaks to makes no difference to what is measured."""
+    return uri.replace("nbd://", "nbds://", 1) + "?tls-verify-peer=false"
+
+
 class Stock:
     """A stock server: a command line, ready when its port is open. The image is its default export."""
 
-    def __init__(self, name, arguments):
+    def __init__(self, name, arguments, tls=None):
+        """`tls`: the words behind the program's name that make it demand TLS, from the directory of certificates."""
         self.name = name
         self._arguments = arguments
+        self._tls = tls
+
+    def with_tls(self):
+        """The same server by TLS; None if it is not measured so."""
+
+        def arguments(*words):
+            command = self._arguments(*words)
+            return [command[0], *self._tls(certificate_directory()), *command[1:]]
+
+        return Secured(Stock(self.name, arguments)) if self._tls else None
 
     @contextlib.contextmanager
     def serving(self, image):
@@ -69,17 +96,37 @@ def is_open(port):
     return False
 
 
+class Secured:
+    """A server that demands TLS."""
+
+    def __init__(self, server):
+        self.name = server.name
+        self._server = server
+
+    @contextlib.contextmanager
+    def serving(self, image):
+        with self._server.serving(image) as (uri, pid):
+            yield secured(uri), pid
+
+
 class Ours:
     name = "nbdd"
 
-    def __init__(self, name="nbdd", engine="io_uring"):
+    def __init__(self, name="nbdd", engine="io_uring", settings=""):
         self.name = name
         self._engine = engine
+        self._settings = settings
+
+    def with_tls(self):
+        settings = f'[tls]\nmode = "required"\ndirectory = "{certificate_directory()}"\n'
+        return Secured(Ours(self.name, self._engine, settings))
 
     @contextlib.contextmanager
     def serving(self, image):
         with Cleanups() as cleanups:
-            service = Service(cleanups, listen=("127.0.0.1",), engine=self._engine).start().start_server()
+            service = Service(cleanups, listen=("127.0.0.1",), engine=self._engine)
+            service.configuration.write_text(service.configuration.read_text() + self._settings)
+            service.start().start_server()
             _, name = service.publish(image)
             yield service.uri(name), service.process.pid
 
@@ -99,6 +146,9 @@ class NbdServer:
     """Serves each connection in a process of its own, and only as a daemon: so it is found by its PID file."""
 
     name = "nbd-server"
+
+    def with_tls(self):
+        return None
 
     @contextlib.contextmanager
     def serving(self, image):
@@ -130,14 +180,23 @@ class NbdServer:
             processes.wait_for_end_of(pid)
 
 
+def nbdkit_tls(directory):
+    return ["--tls=require", f"--tls-certificates={directory}"]
+
+
+def qemu_tls(directory):
+    credentials = f"tls-creds-x509,id=tls,endpoint=server,verify-peer=no,dir={directory}"
+    return ["--object", credentials, "--tls-creds", "tls"]
+
+
 def all_servers():
     """Ours first."""
     return [
         Ours(),
         Ours("nbdd, threads", "threads"),
-        Stock("nbdkit file", nbdkit()),
-        Stock("nbdkit -t 2 file", nbdkit("-t", "2")),
-        Stock("qemu-nbd", qemu_nbd("threads")),
-        Stock("qemu-nbd io_uring", qemu_nbd("io_uring")),
+        Stock("nbdkit file", nbdkit(), nbdkit_tls),
+        Stock("nbdkit -t 2 file", nbdkit("-t", "2"), nbdkit_tls),
+        Stock("qemu-nbd", qemu_nbd("threads"), qemu_tls),
+        Stock("qemu-nbd io_uring", qemu_nbd("io_uring"), qemu_tls),
         NbdServer(),
     ]
