@@ -117,8 +117,8 @@ constexpr std::array table{
                        "Wait until it is released."},
     FailureDescription{reservationDisabled, "reservationDisabled", "The server has no reservation password.",
                        "Set one on the server."},
-    FailureDescription{tooManyAttempts, "tooManyAttempts",
-                       "Too many passwords were tried from this network.", "Wait some seconds."},
+    FailureDescription{tooManyAttempts, "tooManyAttempts", "Too many passwords were tried from this network.",
+                       "Wait some seconds."},
 };
 
 static_assert(std::ranges::is_sorted(table, {}, &FailureDescription::code));

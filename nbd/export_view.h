@@ -20,7 +20,7 @@ struct ExportView {
   std::uint32_t minimumBlock = 1;       // bytes, a power of two up to 65,536
   std::uint32_t preferredBlock = 4096;  // bytes, a power of two, at least 512 and the minimum
   std::uint32_t maximumPayload = maxPayload;  // bytes in one READ or WRITE, at least 1 MiB
-  std::string refusal = {};  // why this client may not use it, in a short sentence; empty if it may
+  std::string refusal = {};           // why this client may not use it, in a short sentence; empty if it may
   std::shared_ptr<void> handle = {};  // what serves it; kept alive by the agreement, not looked at here
 };
 

@@ -50,7 +50,7 @@ class Device {
     Dialler::Patience patience = Dialler::usualPatience();
     Backoff::Pauses pauses = {};
     std::chrono::milliseconds settleTime = Limits::settleTime;
-    std::optional<Geometry> geometry = {};  ///< of an export that is known already: that or none
+    std::optional<Geometry> geometry = {};          ///< of an export that is known already: that or none
     Reservations::Records* reservations = nullptr;  ///< leases, to be shown to their servers; outlive this
     std::shared_ptr<const SharedSecurity> security = {};  ///< null: connections are in the clear
   };
