@@ -17,13 +17,15 @@ Nbd::Extension::Inquiry::Wish wishOf(Nbd::Extension::Hello self) {
 
 }  // namespace
 
-Errand::Errand(Io::EventLoop& control, Records& records, Nbd::Extension::Hello self, Task task, Told told)
+Errand::Errand(Io::EventLoop& control, Records& records, Nbd::Extension::Hello self,
+               Remote::Security security, Task task, Told told)
     : control_(control),
       task_(std::move(task)),
       ear_(std::make_shared<Ear>(std::move(told))),
       inquiry_(wishOf(std::move(self))),
-      dialler_(loop_, {.host = task_.server.address, .port = task_.server.port}) {
-  const Channel channel = [] { return ChannelBinding(); };
+      dialler_(loop_, {.host = task_.server.address, .port = task_.server.port},
+               Remote::Dialler::usualPatience(), std::move(security)) {
+  const Channel channel = [this] { return dialler_.channelBinding(); };
   if (task_.password) {
     reserving_.emplace(inquiry_, records,
                        ReservingDialogue::Wish{.server = task_.server, .password = *task_.password}, channel);

@@ -39,8 +39,10 @@ class Errand {
   using Told = std::move_only_function<void(Report)>;
 
   /// Sets out. `told` is called once on the loop of `control`, unless this is destroyed before; it may
-  /// destroy this. `records` outlives it. Throws std::system_error if the system has no thread for it.
-  Errand(Io::EventLoop& control, Records& records, Nbd::Extension::Hello self, Task task, Told told);
+  /// destroy this. `records` outlives it; `security` is how the server is reached, and what proofs are bound
+  /// to where it is TLS. Throws std::system_error if the system has no thread for it.
+  Errand(Io::EventLoop& control, Records& records, Nbd::Extension::Hello self, Remote::Security security,
+         Task task, Told told);
   /// Gives it up, and waits for the thread, which does not take longer than a hash.
   ~Errand();
   Errand(const Errand&) = delete;

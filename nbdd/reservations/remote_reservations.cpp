@@ -38,8 +38,9 @@ std::string nameOf(const Control::Endpoint& server) {
 
 }  // namespace
 
-RemoteReservations::RemoteReservations(Io::EventLoop& loop, Records& records, Nbd::Extension::Hello self)
-    : loop_(loop), records_(records), self_(std::move(self)) {}
+RemoteReservations::RemoteReservations(Io::EventLoop& loop, Records& records, Nbd::Extension::Hello self,
+                                       std::shared_ptr<const Remote::SharedSecurity> security)
+    : loop_(loop), records_(records), self_(std::move(self)), security_(std::move(security)) {}
 
 void RemoteReservations::restore() {
   for (const HeldLease& held : records_.held()) {
@@ -73,7 +74,7 @@ std::vector<Control::RemoteServerReservationInfo> RemoteReservations::list() con
 void RemoteReservations::setOut(Errand::Task task, Errand::Told told) {
   const std::uint64_t number = nextErrand_++;
   auto errand =
-      std::make_unique<Errand>(loop_, records_, self_, std::move(task),
+      std::make_unique<Errand>(loop_, records_, self_, security_->get(), std::move(task),
                                [this, number, told = std::move(told)](Errand::Report report) mutable {
                                  // The errand ends with the call, and takes the function along.
                                  const auto ended = errands_.extract(number);

@@ -11,7 +11,7 @@
 
 #include "control/interface.h"
 #include "nbdd/io/event_loop.h"
-#include "nbdd/io/thread_pool.h"
+#include "nbdd/remote/security.h"
 #include "nbdd/reservations/errand.h"
 #include "nbdd/reservations/records.h"
 
@@ -21,8 +21,10 @@ namespace Nbdd::Reservations {
 /// their time is over, and gives them back. The control loop's thread.
 class RemoteReservations {
  public:
-  /// `records` outlives this. `self` is what servers are told of this host.
-  RemoteReservations(Io::EventLoop& loop, Records& records, Nbd::Extension::Hello self);
+  /// `records` outlives this. `self` is what servers are told of this host; `security` is how they are
+  /// reached.
+  RemoteReservations(Io::EventLoop& loop, Records& records, Nbd::Extension::Hello self,
+                     std::shared_ptr<const Remote::SharedSecurity> security);
   RemoteReservations(const RemoteReservations&) = delete;
   RemoteReservations& operator=(const RemoteReservations&) = delete;
 
@@ -63,6 +65,7 @@ class RemoteReservations {
   Io::EventLoop& loop_;
   Records& records_;
   const Nbd::Extension::Hello self_;
+  const std::shared_ptr<const Remote::SharedSecurity> security_;
   bool closed_ = false;
   std::map<std::uint64_t, std::unique_ptr<Errand>> errands_;
   std::uint64_t nextErrand_ = 0;

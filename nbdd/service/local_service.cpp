@@ -84,7 +84,7 @@ LocalService::LocalService(Io::EventLoop& loop, StateStore& store, SavedState st
       discovery_(loop, std::move(discovery), saved_.serverUuid),
       reservations_(reservations),
       desk_(loop, server_, reservations, deskOptions(leaseTime)),
-      remoteReservations_(loop, reservations, helloOf(saved_)) {}
+      remoteReservations_(loop, reservations, helloOf(saved_), importSecurity_) {}
 
 LocalService::~LocalService() = default;
 

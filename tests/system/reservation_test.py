@@ -6,7 +6,7 @@ import sys
 import unittest
 from pathlib import Path
 
-from support import images, processes, remotes
+from support import certificates, images, processes, remotes
 from support.hosts import Network
 from support.reservations import (
     EXTENSION,
@@ -407,6 +407,46 @@ class Replayed(unittest.TestCase):
         self.assertTrue(went, "an import's connection is among the recorded ones")
         self.assertEqual(set(went), {POLICY}, "and is not let in again")
         self.assertEqual(self.image.read_bytes(), before)
+
+
+class Secured(unittest.TestCase):
+    """A server that demands TLS: what proves a lease is bound to the connection that it goes over."""
+
+    def setUp(self):
+        self.server = Service(self)
+        keys = self.server.root / "keys.psk"
+        certificates.make_key(keys, "alice")
+        self.server.configure(("127.0.0.1",), 0, f'[tls]\nmode = "required"\nkeys = "{keys}"\n')
+        self.server.start().start_server()
+        image = self.server.images / "disk.img"
+        images.write_random(image)
+        _, self.name = self.server.publish(image)
+        self.holder = Service(self)
+        self.holder.configure((), 0, f'[tls.imports]\nmode = "required"\nkeys = "{keys}"\nuser = "alice"\n')
+        self.holder.start()
+        self.addCleanup(unmount, self.holder)
+        Reservations(self.server).password(PASSWORD)
+
+    def test_the_holder_reserves_uses_and_gives_back(self):
+        mine = Reservations(self.holder)
+        with self.assertRaises(Failed) as caught:
+            mine.reserve("127.0.0.1", "guess", port=self.server.port)
+        self.assertEqual(caught.exception.code, WRONG_PASSWORD)
+        mine.reserve("127.0.0.1", PASSWORD, port=self.server.port)
+        self.assertEqual(Reservations(self.server).holder(), "127.0.0.1")
+        with self.holder.control() as control:
+            number = control.ImportAdd(
+                descriptor={"name": self.name, "server": {"address": "127.0.0.1", "port": self.server.port}, "flags": []}
+            )["id"]
+            control.ImportEnable(id=number)
+            processes.wait_until(
+                lambda: control.ImportInfo(id=number)["info"]["state"] == "connected", "the holder's import"
+            )
+        mine.unreserve("127.0.0.1", port=self.server.port)
+        self.assertEqual(mine.held(), [])
+        with self.assertRaises(Failed) as caught:
+            Reservations(self.server).holder()
+        self.assertEqual(caught.exception.code, NOT_RESERVED)
 
 
 if __name__ == "__main__":
