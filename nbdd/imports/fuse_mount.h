@@ -21,7 +21,9 @@ class FuseInput {
   FuseInput() = default;
   FuseInput(const FuseInput&) = delete;
   FuseInput& operator=(const FuseInput&) = delete;
-  ~FuseInput() { std::free(buffer_.mem); }  // libfuse allocated it
+  ~FuseInput() {
+    const std::unique_ptr<void, void (*)(void*)> memory(buffer_.mem, &std::free);  // as libfuse allocated it
+  }
 
  private:
   friend class FuseMount;

@@ -127,8 +127,8 @@ Keys keysOf(const Key& saltedPassword) {
   Key clientKey;
   const auto chars = [](Key& key) { return reinterpret_cast<char*>(key.octets().data()); };
   const int error = ::gsasl_scram_secrets_from_salted_password(
-      GSASL_HASH_SHA256, asText(saltedPassword.octets()).data(), chars(clientKey), chars(keys.serverKey),
-      chars(keys.storedKey));
+      GSASL_HASH_SHA256, reinterpret_cast<const char*>(saltedPassword.octets().data()), chars(clientKey),
+      chars(keys.serverKey), chars(keys.storedKey));
   if (error != GSASL_OK) {
     throw std::system_error(std::make_error_code(std::errc::not_supported), ::gsasl_strerror(error));
   }
@@ -148,8 +148,8 @@ std::optional<std::string> preparePassword(std::string_view password) {
   }
   char* prepared = nullptr;
   int detail = 0;
-  const int error = ::gsasl_saslprep(std::string(password).c_str(), static_cast<Gsasl_saslprep_flags>(0),
-                                     &prepared, &detail);
+  constexpr Gsasl_saslprep_flags storedString{};  // the strict form: no code points that are not assigned
+  const int error = ::gsasl_saslprep(std::string(password).c_str(), storedString, &prepared, &detail);
   const std::unique_ptr<char, Freed> owner(prepared);
   if (error != GSASL_OK || prepared == nullptr || *prepared == '\0') return std::nullopt;
   return std::string(prepared);
