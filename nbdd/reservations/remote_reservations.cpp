@@ -95,7 +95,7 @@ void RemoteReservations::reserve(Control::RemoteServerReservationRequest request
   if (closed_ || errands_.size() >= Limits::reservationErrands) {
     return answer(std::unexpected(Failure{FailureCode::limitReached, "too many servers are being asked"}));
   }
-  setOut({.server = *server, .password = *std::move(password)},
+  setOut({.server = *server, .password = std::move(password)},
          [this, server = *server, answer = std::move(answer)](Errand::Report report) mutable {
            reserved(server, std::move(report), answer);
          });
