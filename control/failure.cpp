@@ -96,7 +96,7 @@ constexpr std::array table{
     FailureDescription{remoteRefused, "remoteRefused", "The remote server refused.",
                        "Ask its operator: access list, TLS or reservation."},
     FailureDescription{discoveryFailed, "discoveryFailed", "The local network could not be searched.",
-                       "Check that the Avahi daemon runs."},
+                       "See the log of nbdd; discovery may be turned off in nbdd.toml."},
     FailureDescription{expressionInvalid, "expressionInvalid", "The DiskSpec expression was not accepted.",
                        "Correct the expression."},
     FailureDescription{extensionMissing, "extensionMissing",
