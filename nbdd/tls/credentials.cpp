@@ -86,7 +86,7 @@ void warnOfDates(const std::filesystem::path& file, const std::string& pem) {
     }
     ::gnutls_x509_crt_deinit(list[index]);
   }
-  ::gnutls_free(list);
+  ::gnutls_free(static_cast<void*>(list));
 }
 
 template <class Handle>
@@ -104,7 +104,7 @@ Credentials::~Credentials() {
 
 std::expected<std::shared_ptr<const Credentials>, std::string> Credentials::load(
     const ServerSettings& settings) {
-  const std::shared_ptr<Credentials> made(new Credentials(true));
+  std::shared_ptr<Credentials> made(new Credentials(true));
   made->demandsProof_ = settings.clientCertificates || !settings.clients.empty();
   made->admitted_ = settings.clients;
   Loaded loaded;
@@ -117,7 +117,7 @@ std::expected<std::shared_ptr<const Credentials>, std::string> Credentials::load
 
 std::expected<std::shared_ptr<const Credentials>, std::string> Credentials::load(
     const ImportSettings& settings) {
-  const std::shared_ptr<Credentials> made(new Credentials(false));
+  std::shared_ptr<Credentials> made(new Credentials(false));
   made->demandsProof_ = true;
   made->verifiesName_ = settings.verifyName;
   Loaded loaded = settings.keys.empty() ? made->loadCertificates(settings.directory)
