@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <memory>
 
 namespace Nbdd {
 
@@ -78,8 +79,8 @@ std::optional<Network> Network::parse(std::string_view text) {
   network.length_ = bits;
   if (slash != std::string_view::npos) {
     const std::string_view digits = text.substr(slash + 1);
-    const char* const end = digits.data() + digits.size();
-    const auto [stopped, error] = std::from_chars(digits.data(), end, network.length_);
+    const char* const end = std::to_address(digits.end());
+    const auto [stopped, error] = std::from_chars(std::to_address(digits.begin()), end, network.length_);
     if (error != std::errc{} || stopped != end || network.length_ > bits) return std::nullopt;
   }
   network.base_.bytes_ = *bytes;
