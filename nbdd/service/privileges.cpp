@@ -8,6 +8,7 @@
 #include <charconv>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <vector>
 
 namespace Nbdd {
@@ -31,8 +32,8 @@ std::optional<std::string_view> field(std::string_view text, std::string_view na
 std::optional<std::uint64_t> number(std::optional<std::string_view> text, int base) {
   std::uint64_t value = 0;
   if (!text) return std::nullopt;
-  const char* const end = text->data() + text->size();
-  const auto [stopped, error] = std::from_chars(text->data(), end, value, base);
+  const char* const end = std::to_address(text->end());
+  const auto [stopped, error] = std::from_chars(std::to_address(text->begin()), end, value, base);
   return error == std::errc{} && stopped == end ? std::optional(value) : std::nullopt;
 }
 
