@@ -36,7 +36,7 @@ class Timer;
 /// One thread's loop over descriptors, timers and posted functions.
 ///
 /// Everything belongs to the thread that calls `run`, but for `post` and `stop`, which any thread may call.
-/// Each turn: wait, handle the ready descriptors, run what was posted, fire timers, run what was deferred.
+/// Each turn: wait, handle the ready descriptors, fire timers, run what was posted, run what was deferred.
 class EventLoop {
  public:
   /// Throws std::system_error when the kernel gives no epoll or eventfd descriptor (start-up only).
