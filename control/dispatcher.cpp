@@ -19,26 +19,38 @@ constexpr std::string_view varlinkInterface = "org.varlink.service";
 class Debt {
  public:
   Debt(Dispatcher::Done done, bool oneway) : done_(std::move(done)), oneway_(oneway) {}
-  Debt(Debt&& other) noexcept : done_(std::exchange(other.done_, nullptr)), oneway_(other.oneway_) {}
+  Debt(Debt&& other) noexcept
+      : done_(std::exchange(other.done_, nullptr)), oneway_(other.oneway_), method_(other.method_) {}
   Debt& operator=(Debt&&) = delete;
   Debt(const Debt&) = delete;
   Debt& operator=(const Debt&) = delete;
-  ~Debt() { pay(ErrorReply::failed({FailureCode::internalError, "the service dropped the call"})); }
+  ~Debt() { refuse({FailureCode::internalError, "the service dropped the call"}); }
 
-  void pay(std::string reply) {
-    if (auto done = std::exchange(done_, nullptr)) {
-      done(Outcome{.reply = oneway_ ? std::string() : std::move(reply)});
-    }
+  /// The operation that was called.
+  void setMethod(std::string_view method) { method_ = method; }
+
+  void pay(std::string reply) { settle(std::move(reply), std::nullopt); }
+
+  void refuse(Failure failure) {
+    std::string reply = ErrorReply::failed(failure);
+    settle(std::move(reply), Refusal{.method = method_, .failure = std::move(failure)});
   }
 
  private:
+  void settle(std::string reply, std::optional<Refusal> refusal) {
+    if (auto done = std::exchange(done_, nullptr)) {
+      done(Outcome{.reply = oneway_ ? std::string() : std::move(reply), .refusal = std::move(refusal)});
+    }
+  }
+
   Dispatcher::Done done_;
   bool oneway_;
+  std::string_view method_;
 };
 
 template <class Output>
-std::string replyOf(std::string_view outputName, const Result<Output>& result) {
-  if (!result) return ErrorReply::failed(result.error());
+Result<std::string> replyOf(std::string_view outputName, const Result<Output>& result) {
+  if (!result) return std::unexpected(result.error());
   JsonWriter writer;
   writer.beginObject();
   writer.key("parameters");
@@ -48,7 +60,7 @@ std::string replyOf(std::string_view outputName, const Result<Output>& result) {
   writer.endObject();
   // A remote host's properties may nest deeper than a client of ours would take.
   if (writer.depth() > Limits::depth) {
-    return ErrorReply::failed({FailureCode::internalError, "the answer nests too deep to be sent"});
+    return std::unexpected(Failure{FailureCode::internalError, "the answer nests too deep to be sent"});
   }
   return writer.take();
 }
@@ -59,6 +71,7 @@ template <class... Arguments>
 void invoke(const Method<Arguments...>& method, Service& service, JsonValue parameters, Debt debt) {
   using Row = Method<Arguments...>;
   using Output = typename Row::Output;
+  debt.setMethod(method.name);
   typename Row::Inputs inputs{};
   Complaint complaint;
   [&]<std::size_t... index>(std::index_sequence<index...>) {
@@ -70,7 +83,12 @@ void invoke(const Method<Arguments...>& method, Service& service, JsonValue para
       return;
     }
     Answer<Output> answer = [&method, debt = std::move(debt)](Result<Output> result) mutable {
-      debt.pay(replyOf(method.output, result));
+      auto reply = replyOf(method.output, result);
+      if (reply) {
+        debt.pay(std::move(*reply));
+      } else {
+        debt.refuse(std::move(reply.error()));
+      }
     };
     (service.*method.operation)(std::move(std::get<index>(inputs))..., std::move(answer));
   }(std::make_index_sequence<Row::inputCount>());

@@ -2,9 +2,11 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
+#include "control/failure.h"
 #include "control/interface.h"
 
 namespace Control {
@@ -17,10 +19,17 @@ struct Identity {
   std::string url;
 };
 
+/// An operation that the service did not do.
+struct Refusal {
+  std::string_view method;  ///< "ExportAdd"; lives as long as the program
+  Failure failure;
+};
+
 /// What became of one message.
 struct Outcome {
   std::string reply;   ///< to be sent, without the NUL that ends it; empty if the caller wants none
   bool close = false;  ///< the peer does not speak Varlink: end the connection after the reply
+  std::optional<Refusal> refusal = std::nullopt;  ///< why the operation that was called has failed, if it has
 };
 
 /// Turns each message from a client into one call of the service and its answer into one reply.

@@ -14,9 +14,11 @@
 #include "control/framing.h"
 #include "control/limits.h"
 #include "control/message.h"
+#include "control/methods.h"
 #include "nbdd/io/listening.h"
 #include "nbdd/io/signal.h"
 #include "nbdd/io/stream.h"
+#include "nbdd/log/log.h"
 
 namespace Nbdd {
 
@@ -41,6 +43,18 @@ std::string framed(std::string message) {
 void turnAway(const Io::FileDescriptor& socket, const Failure& reason) {
   const std::string message = framed(Control::ErrorReply::failed(reason));
   std::ignore = ::send(socket.number(), message.data(), message.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+}
+
+// nbdctl shows its operator a number alone; the sentence that goes with it is found here.
+void logRefusal(const Control::Refusal& refusal) {
+  const auto& [method, failure] = refusal;
+  // The usual answer to the question who holds the reservation, and no failure of anything.
+  if (failure.code == FailureCode::notReserved && method == Control::Methods::serverGetReservation.name) {
+    return;
+  }
+  const Control::FailureDescription* known = Control::describe(failure.code);
+  log(LogLevel::notice, "operation-failed", "{} failed: {} ({}, 0x{:X})", method, failure.message,
+      known != nullptr ? known->name : "unknown", static_cast<unsigned>(failure.code));
 }
 
 }  // namespace
@@ -200,6 +214,7 @@ Io::Task<bool> ControlServer::answer(Connection& connection, std::string_view me
   }
   connection.completedCalls = true;
   connection.lastUse = loop_.now();
+  if (outcome->refusal) logRefusal(*outcome->refusal);
   if (!outcome->reply.empty()) connection.output += framed(std::move(outcome->reply));
   co_return open && !outcome->close;
 }

@@ -46,6 +46,10 @@ Found find(const std::string& host, std::uint16_t port, int flags) {
 }
 
 Addresses lookUp(const std::string& host, std::uint16_t port) {
+  if (host.empty()) {  // what nbdctl makes of a word that is no address
+    return std::unexpected(
+        Control::Failure{FailureCode::invalidArgument, "a server is named by its IPv4 or IPv6 address"});
+  }
   Found found = find(host, port, 0);
   if (found.error == 0 && !found.addresses.empty()) return std::move(found.addresses);
   return std::unexpected(

@@ -135,6 +135,28 @@ TEST_F(DispatcherTest, ADroppedAnswerIsAnInternalError) {
   EXPECT_EQ(answer["parameters"]["code"], static_cast<std::uint32_t>(FailureCode::internalError));
 }
 
+TEST_F(DispatcherTest, TellsWhichOperationHasFailedAndWhy) {
+  const Failure failure{FailureCode::nodeNotFound, "/n does not exist"};
+  service.failure = failure;
+  const Outcome failed = dispatch(call("ExportEnable", {{"id", 1}}));
+  ASSERT_TRUE(failed.refusal.has_value());
+  EXPECT_EQ(failed.refusal->method, "ExportEnable");
+  EXPECT_EQ(failed.refusal->failure, failure);
+  const Outcome unseen = dispatch(R"({"method":"org.talvek.NBD.ServerStop","oneway":true})");
+  ASSERT_TRUE(unseen.refusal.has_value())
+      << "nobody waits for the reply, but the failure is one all the same";
+  EXPECT_EQ(unseen.refusal->method, "ServerStop");
+
+  service.failure.reset();
+  EXPECT_FALSE(dispatch(call("ExportEnable", {{"id", 1}})).refusal.has_value());
+  EXPECT_FALSE(dispatch(R"({"method":"org.talvek.NBD.Nothing"})").refusal.has_value());
+  service.dropping = true;
+  const Outcome dropped = dispatch(call("ExportRemove", {{"id", 1}}));
+  ASSERT_TRUE(dropped.refusal.has_value());
+  EXPECT_EQ(dropped.refusal->method, "ExportRemove");
+  EXPECT_EQ(dropped.refusal->failure.code, FailureCode::internalError);
+}
+
 TEST_F(DispatcherTest, AnAnswerMayComeLater) {
   service.holding = true;
   std::optional<Outcome> outcome;

@@ -71,6 +71,26 @@ class OnDemand(unittest.TestCase):
         self.assertNotEqual(result.status, 0)
 
 
+class FailedOperations(unittest.TestCase):
+    """What nbdctl tells by a number, or not at all, is explained in the log."""
+
+    def test_the_log_says_why(self):
+        service = Service(self).start()
+        self.assertIn("error 0x21", service.nbdctl("add", "/does/not/exist"))
+        self.assertIn("failed!", service.nbdctl("rlist", "localhost"))
+        log = service.log_text()
+        self.assertRegex(log, r"ExportAdd failed: .*/does/not/exist.*\(nodeNotFound, 0x21\)")
+        self.assertRegex(log, r"FetchRemoteExports failed: .*\(invalidArgument, 0x10\)")
+
+    def test_that_nobody_reserved_the_server_is_no_failure(self):
+        service = Service(self).start()
+        self.assertIn("error 0x60", service.nbdctl("rescheck"))
+        self.assertIn("FAIL! (0x60)", service.nbdctl("unreserve", "127.0.0.1"))
+        failed = [line for line in service.log_text().splitlines() if " failed: " in line]
+        self.assertEqual(len(failed), 1, failed)
+        self.assertIn("ServerUnreserveRemote", failed[0])
+
+
 class Signals(unittest.TestCase):
     def setUp(self):
         self.service = Service(self).start().start_server()
@@ -203,6 +223,8 @@ class StartServer(unittest.TestCase):
             port = taken.getsockname()[1]
             service = Service(self, listen=("::1", "127.0.0.1"), port=port).start()
             self.expect_code(service, PORT_IN_USE)
+            # The number is all that nbdctl shows; the log has the sentence.
+            self.assertRegex(service.log_text(), rf"ServerStart failed: .*{port}.*\(portInUse, 0x40\)")
             with self.assertRaises(ConnectionRefusedError):  # the address that was free is not listened on
                 socket.create_connection(("::1", port), timeout=processes.LIMIT_SECONDS)
         service.start_server()
