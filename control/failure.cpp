@@ -83,6 +83,8 @@ constexpr std::array table{
                        "Choose a port above 1023 in nbdd.toml."},
     FailureDescription{listenFailed, "listenFailed", "The server could not be started.",
                        "See the message and the service's log."},
+    FailureDescription{configurationWrong, "configurationWrong", "The configuration cannot be used.",
+                       "Correct nbdd.toml; nbdd --check-config says what is wrong with it."},
 
     FailureDescription{connectionFailed, "connectionFailed", "The remote server could not be reached.",
                        "Check the address, the network and the firewall."},

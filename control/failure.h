@@ -53,6 +53,7 @@ enum class FailureCode : std::uint32_t {
   addressNotAvailable = 0x41,
   listenDenied = 0x42,
   listenFailed = 0x43,
+  configurationWrong = 0x44,
 
   // Remote servers.
   connectionFailed = 0x50,

@@ -116,6 +116,14 @@ StartUp<void> Application::start() {
       *reservations_, configuration_.lease, *storage, discovery(configuration_));
   service_->setSecurity(std::move(*security));
   service_->restore();
+  // Whoever changes the configuration of a stopped server and starts it expects it to hold: nbdd has been
+  // here all the while, which he need not know.
+  service_->beforeStart([this]() -> Control::Result<void> {
+    auto read = readAgain();
+    if (read) return {};
+    return std::unexpected(
+        Control::Failure{Control::FailureCode::configurationWrong, std::move(read.error().sentence)});
+  });
   control_ =
       std::make_unique<ControlServer>(loop_, *service_, identity(), std::move(*listener),
                                       ControlAccess{.owner = ::geteuid(), .group = controlGroup(locations_)});
@@ -179,7 +187,13 @@ void Application::tellReady() {
 
 void Application::onSignal(int signal) {
   if (signal == SIGHUP) {
-    reload();
+    supervisor_.reloading();
+    if (const auto read = readAgain(); !read) {
+      log(LogLevel::error, "reload-failed", "the configuration stays as it was: {}", read.error().sentence);
+    } else {
+      log(LogLevel::info, "reloaded", "the configuration was read again, and the files that it names");
+    }
+    supervisor_.ready(service_->summary());
   } else if (ending_) {
     log(LogLevel::notice, "ending-now", "asked to end a second time: running requests are not waited for");
     giveUp();
@@ -188,25 +202,24 @@ void Application::onSignal(int signal) {
   }
 }
 
-void Application::reload() {
-  supervisor_.reloading();
+// All of the configuration holds from now on, or none. The server's threads and discovery got theirs at the
+// start.
+StartUp<void> Application::readAgain() {
   auto configuration = readConfiguration(locations_);
-  auto security = configuration ? readSecurity(*configuration)
-                                : StartUp<Security>(std::unexpected(configuration.error()));
-  if (!security) {
-    log(LogLevel::error, "reload-failed", "the configuration stays as it was: {}", security.error().sentence);
-  } else {
-    // Even where the configuration is the same, certificates and keys may be new.
-    service_->setSecurity(std::move(*security));
-    const bool changed = *configuration != configuration_;
-    configuration_ = std::move(*configuration);
-    log(changed ? LogLevel::notice : LogLevel::info, "reloaded",
-        "{}; certificates, keys and allow lists hold for clients that come from now on",
-        changed
-            ? "the configuration was read again: what else has changed holds from the next start of nbdd on"
-            : "the configuration was read again and has not changed");
+  if (!configuration) return std::unexpected(std::move(configuration.error()));
+  // Even where the configuration is the same, certificates and keys may be new.
+  auto security = readSecurity(*configuration);
+  if (!security) return std::unexpected(std::move(security.error()));
+  service_->setSecurity(std::move(*security));
+  service_->setListening(listening(*configuration));
+  if (*configuration != configuration_) {
+    log(LogLevel::notice, "reloaded",
+        "the configuration has changed: addresses and ports hold from the next start of the server, "
+        "discovery and "
+        "reservations from the next start of nbdd, and all else for connections that are made from now on");
   }
-  supervisor_.ready(service_->summary());
+  configuration_ = std::move(*configuration);
+  return {};
 }
 
 void Application::beginEnd(const char* why) {

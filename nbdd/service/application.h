@@ -23,8 +23,8 @@ namespace Nbdd {
 /// ends.
 ///
 /// The first SIGTERM or SIGINT ends it after the running requests, within a bounded time; the second at once.
-/// SIGHUP reads the configuration again. What is saved is saved before it is answered, so no end loses
-/// anything.
+/// SIGHUP reads the configuration again, and so does the start of the server. What is saved is saved before
+/// it is answered, so no end loses anything.
 class Application {
  public:
   Application(Options options, Locations locations, Configuration configuration);
@@ -43,7 +43,7 @@ class Application {
   void logToFile();
   void tellReady();
   void onSignal(int signal);
-  void reload();
+  StartUp<void> readAgain();
   void beginEnd(const char* why);
   Io::Task<void> endControl();
   void ended();

@@ -182,6 +182,9 @@ void LocalService::serverStart(Answer<std::vector<Control::NetIfFirewallState>> 
 
 Control::Result<std::vector<Control::NetIfFirewallState>> LocalService::start() {
   if (!server_.listening()) {
+    if (auto prepared = prepareStart_ ? prepareStart_() : Control::Result<void>(); !prepared) {
+      return std::unexpected(std::move(prepared.error()));
+    }
     if (const auto listened = server_.listen(listening_); !listened) return std::unexpected(listened.error());
     if (auto remembered = remember(true); !remembered) {
       closeServer();

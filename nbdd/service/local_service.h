@@ -3,8 +3,10 @@
 #include <chrono>
 #include <cstddef>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "control/interface.h"
@@ -51,6 +53,15 @@ class LocalService final : public Control::Service {
 
   /// Holds for clients that come, and connections of imports that are made, from now on.
   void setSecurity(Security security);
+
+  /// Where the server listens when it is next started.
+  void setListening(ListenConfiguration listening) { listening_ = std::move(listening); }
+
+  /// `prepare` is called before a server that does not listen is started by an operator. It may call the two
+  /// above; if it fails, the server is not started.
+  void beforeStart(std::move_only_function<Control::Result<void>()> prepare) {
+    prepareStart_ = std::move(prepare);
+  }
 
   /// Brings back what was saved: enabled exports, then the started server. Once, before the first operation.
   void restore();
@@ -136,7 +147,8 @@ class LocalService final : public Control::Service {
   StateStore& store_;
   SavedState saved_;
   const std::filesystem::path nodes_;
-  const ListenConfiguration listening_;
+  ListenConfiguration listening_;
+  std::move_only_function<Control::Result<void>()> prepareStart_;
 
   // The server is closing: who asked for it, and who asks for a new start meanwhile.
   bool closing_ = false;

@@ -12,7 +12,7 @@ from support import images, nbd, processes
 from support.service import Service
 from support.varlink import Failed
 
-PORT_IN_USE, ADDRESS_NOT_AVAILABLE = 0x40, 0x41
+PORT_IN_USE, ADDRESS_NOT_AVAILABLE, CONFIGURATION_WRONG = 0x40, 0x41, 0x44
 ANOTHER_RUNS = 3
 
 # Does in the child what a service manager does: the variables carry the process's own number.
@@ -229,6 +229,26 @@ class StartServer(unittest.TestCase):
                 socket.create_connection(("::1", port), timeout=processes.LIMIT_SECONDS)
         service.start_server()
         self.assertEqual(service.port, port)
+
+    def test_the_configuration_is_read_again(self):
+        with socket.create_server(("127.0.0.1", 0)) as taken:
+            service = Service(self, listen=("127.0.0.1",), port=taken.getsockname()[1]).start()
+            self.expect_code(service, PORT_IN_USE)
+            with socket.create_server(("127.0.0.1", 0)) as another:
+                free = another.getsockname()[1]
+            service.configure(("127.0.0.1",), free)
+            service.start_server()
+            self.assertEqual(service.port, free)
+        service.nbdctl("stop")
+        service.configure(("127.0.0.1",), free, more='[tls]\nmode = "required"\n')
+        self.expect_code(service, CONFIGURATION_WRONG)
+        self.assertIn("has nothing to prove the server with", service.log_text())
+        service.configure(("127.0.0.1",), 0, more='[server.unknown]\n')
+        self.expect_code(service, CONFIGURATION_WRONG)
+        service.configure(("127.0.0.1",), free)
+        service.start_server()
+        service.configure(("127.0.0.1",), "wrong")
+        self.assertIn("OK!", service.nbdctl("start"), "a started server has no use for the configuration")
 
     def test_a_lost_address(self):
         # 198.51.100.0/24 is for documentation: no host has an address of it.
