@@ -45,6 +45,27 @@ TEST(FailureTest, TheDocumentHoldsTheTable) {
   }
 }
 
+TEST(FailureTest, TheManualPageHoldsTheTable) {
+  std::ifstream file(TALVEK_SOURCE_DIRECTORY "/docs/man/nbdctl.1");
+  ASSERT_TRUE(file.is_open());
+  const std::regex item(R"(\.It 0x([0-9A-F]{2}) (\w+))");
+  const auto table = failureTable();
+  std::size_t count = 0;
+  for (std::string line; std::getline(file, line);) {
+    std::smatch match;
+    if (!std::regex_match(line, match, item)) continue;
+    ASSERT_LT(count, table.size());
+    const FailureDescription& row = table[count++];
+    EXPECT_EQ(std::stoul(match[1], nullptr, 16), static_cast<unsigned long>(row.code));
+    EXPECT_EQ(match[2].str(), row.name);
+    std::getline(file, line);
+    EXPECT_EQ(line, row.meaning) << row.name;
+    std::getline(file, line);
+    EXPECT_EQ(line, row.remedy) << row.name;
+  }
+  EXPECT_EQ(count, table.size());
+}
+
 // The numbers are a promise to those who test for them.
 TEST(FailureTest, NumbersStay) {
   EXPECT_EQ(static_cast<unsigned>(FailureCode::serviceUnavailable), 0x01U);
