@@ -1,5 +1,8 @@
 #include "host/service_proxy.h"
 
+#include <fmt/core.h>
+
+#include <cstdio>
 #include <tuple>
 #include <utility>
 
@@ -16,6 +19,13 @@ namespace Types = Records::Types;
 using Control::Failure;
 using Control::FailureCode;
 using Control::Result;
+
+// Beside the number that the program prints: with nothing to talk to, it is all there is to go by.
+void tellOperator(const Failure& failure) {
+  const Control::FailureDescription* known = Control::describe(failure.code);
+  fmt::print(stderr, "nbdctl: {}{}{}\n", failure.message, known != nullptr ? ". " : "",
+             known != nullptr ? known->remedy : "");
+}
 
 void fail(const Failure& failure) { setError(static_cast<std::uint32_t>(failure.code)); }
 
@@ -260,6 +270,11 @@ Ref<Service> Service::create(unsigned int timeoutMilliseconds) {
   const auto proxy =
       makeRef<Host::ServiceProxy>(Host::findService(), std::chrono::milliseconds(timeoutMilliseconds));
   if (const auto connected = proxy->connect(); !connected) {
+    // A service that did not start, or not in time, has said why itself.
+    const Control::FailureCode code = connected.error().code;
+    const bool told =
+        code == Control::FailureCode::serviceStartFailed || code == Control::FailureCode::timeout;
+    if (!told) Host::tellOperator(connected.error());
     Host::setError(static_cast<std::uint32_t>(connected.error().code));
     return {};
   }

@@ -238,7 +238,10 @@ Result<Control::Client> connectToService(const ServiceLocation& location, Clock:
   if (!nothingListens(client)) return client;
   const auto program = std::ranges::find_if(
       location.programs, [](const std::string& candidate) { return ::access(candidate.c_str(), X_OK) == 0; });
-  if (program == location.programs.end()) return client;
+  if (program == location.programs.end()) {
+    return std::unexpected(Failure{FailureCode::serviceUnavailable,
+                                   client.error().message + ", and no nbdd is found that could be started"});
+  }
   std::optional<Said> ofAnother;
   while (nothingListens(client)) {
     Said said;

@@ -1,6 +1,7 @@
 """How nbdd comes, stays and goes: on demand, by hand, and under a service manager."""
 
 import fcntl
+import os
 import shutil
 import signal
 import socket
@@ -69,6 +70,30 @@ class OnDemand(unittest.TestCase):
         self.assertIn("Service not available: 0x", result.out)
         self.assertIn("prot", result.err)
         self.assertNotEqual(result.status, 0)
+
+
+    def test_a_socket_of_somebody_else_is_told_of_in_words(self):
+        service = Service(self)
+        service.runtime.mkdir()
+        # For root too it is somebody else's without the capability to open what he may not.
+        wrapper = [processes.tool("setpriv"), "--bounding-set=-all", "--inh-caps=-all"] if os.geteuid() == 0 else []
+        with socket.socket(socket.AF_UNIX) as listener:
+            listener.bind(str(service.socket))
+            service.socket.chmod(0)
+            listener.listen()
+            command = [*wrapper, processes.program("nbdctl"), "list"]
+            result = processes.run(command, environment=service.environment, check=False)
+        self.assertEqual(result.out, "Service not available: 0x5\n")
+        self.assertIn(f"nbdctl: no permission to use {service.socket}", result.err)
+        self.assertIn("group nbd", result.err)
+
+    def test_a_program_that_is_missing_is_told_of_in_words(self):
+        service = Service(self)
+        alone = service.root / "nbdctl"
+        shutil.copy(processes.program("nbdctl"), alone)
+        result = processes.run([alone, "list"], environment={**service.environment, "PATH": "/nowhere"}, check=False)
+        self.assertEqual(result.out, "Service not available: 0x1\n")
+        self.assertIn("no nbdd is found", result.err)
 
 
 class FailedOperations(unittest.TestCase):
