@@ -35,11 +35,11 @@ void checkExpansion(Nbd::Bytes payload, std::size_t plainLength, std::uint32_t b
   expect(onWire == payload.size() && expanded == plainLength && blocks->size() <= plainLength);
 }
 
-void checkRoundTrip(Nbd::Bytes data, std::uint32_t blockLength) {
+void checkRoundTrip(Nbd::Bytes data, std::uint32_t blockLength, Nbdd::Effort effort) {
   if (data.empty()) return;
   std::vector<std::byte> output(data.size());
   std::vector<Nbdd::Attempt> attempts(Nbd::blockCount(data.size(), blockLength), Nbdd::Attempt::hopeful);
-  const std::size_t length = Nbdd::compressBlocks(data, blockLength, attempts, output);
+  const std::size_t length = Nbdd::compressBlocks(data, blockLength, effort, attempts, output);
   if (length == 0) return;
   expect(Nbd::isCompressedLength(length, data.size()));
   std::vector<std::byte> again(data.size());
@@ -55,7 +55,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::size_t plainLength = data[1] * std::size_t{256} + data[2];
   const Nbd::Bytes rest = std::as_bytes(std::span(data, size)).subspan(3);
   checkExpansion(rest, plainLength, blockLength);
-  checkRoundTrip(rest, blockLength);
+  checkRoundTrip(rest, blockLength, Nbdd::Effort::quick);
+  checkRoundTrip(rest, blockLength, Nbdd::Effort::thorough);
   if (const auto piece = Nbd::decodeCompressedPiece(rest))
     expect(Nbd::isCompressedLength(piece->blocks.size(), piece->plainLength));
   return 0;

@@ -43,9 +43,18 @@ class CompressionSampler {
   Patience stubborn_;  // does not look like noise, but is
 };
 
+/// How hard to try. What comes out has the same form, and is expanded at the same speed.
+enum class Effort : std::uint8_t {
+  quick,     // the processor is what is waited for: up to a quarter more bytes per second
+  thorough,  // the network is: up to a tenth fewer bytes on the wire
+};
+
+/// How hard a sender should try while `backlog` bytes that are ready to leave wait for the network.
+Effort effortFor(std::size_t backlog);
+
 /// Stores `plain` as framed blocks into `output`, which has plain.size() bytes, and returns their length; 0
 /// if that would not save enough. What of `attempts` did not shrink becomes `none`. Any thread.
-std::size_t compressBlocks(std::span<const std::byte> plain, std::uint32_t blockLength,
+std::size_t compressBlocks(std::span<const std::byte> plain, std::uint32_t blockLength, Effort effort,
                            std::vector<Attempt>& attempts, std::span<std::byte> output);
 
 /// Fills `plain` with what the framed blocks in `payload` stand for. False if they do not stand for exactly

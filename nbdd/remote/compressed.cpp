@@ -14,21 +14,24 @@ namespace Nbdd::Remote {
 /// Makes the next requests ready to be sent: a few, so that those before them leave meanwhile.
 void Connection::compressNext() {
   std::size_t bytes = 0;
+  std::size_t backlog = 0;
+  for (std::size_t index = 0; index < ready_; ++index) backlog += outgoing_[index]->unsent_;
+  const Effort effort = effortFor(backlog);
   while (ready_ < outgoing_.size() && (bytes < Limits::importCompressBatch || ready_ == 0)) {
     Request& request = *outgoing_[ready_++];
     bytes += request.payload.size();
-    if (request.payload.size() >= Limits::compressionSmallest) compress(request);
+    if (request.payload.size() >= Limits::compressionSmallest) compress(request, effort);
   }
 }
 
-void Connection::compress(Request& request) {
+void Connection::compress(Request& request, Effort effort) {
   std::vector<Attempt> attempts = sampler_.choose(request.payload, compression_->blockLength);
   if (attempts.empty()) return;
   const std::vector<Attempt> before = attempts;
   // To zero memory of its own for each request would cost more than to copy what is left of it.
   thread_local std::vector<std::byte> scratch;
   if (scratch.size() < request.payload.size()) scratch.resize(request.payload.size());
-  const std::size_t length = compressBlocks(request.payload, compression_->blockLength, attempts,
+  const std::size_t length = compressBlocks(request.payload, compression_->blockLength, effort, attempts,
                                             std::span(scratch).first(request.payload.size()));
   sampler_.note(before, attempts);
   if (length == 0) return;

@@ -88,7 +88,7 @@ class Connection {
   // Sending.
   Io::Task<void> sendAll();
   void compressNext();
-  void compress(Request& request);
+  void compress(Request& request, Effort effort);
   std::size_t collect(std::span<iovec> pieces) const;
   void sent(std::size_t count);
 

@@ -134,7 +134,8 @@ Io::Task<void> Transmission::readCompressed(Request request) {
     const std::vector<Attempt> before = attempts;
     blocks = worker_.buffers().take(replies_.compressedHeaderSize() + request.length);
     const std::span<std::byte> room = blocks.bytes().subspan(replies_.compressedHeaderSize());
-    auto compress = [&] { wireLength = compressBlocks(plain, blockLength, attempts, room); };
+    const Effort effort = effortFor(sender_.backlog());
+    auto compress = [&] { wireLength = compressBlocks(plain, blockLength, effort, attempts, room); };
     Io::Task<void> compressing = doAside(worker_.files(), request.length, compress);
     co_await compressing;
     sampler_.note(before, attempts);

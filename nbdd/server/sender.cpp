@@ -74,6 +74,7 @@ void Sender::post(Io::Buffer buffer, std::size_t length, MemoryBudget::Share sha
   piece.end = length;
   piece.share = std::move(share);
   pending_ += piece.buffer.size();
+  backlog_ += length;
   queue_.push_back(std::move(piece));
   flushSoon(true);
 }
@@ -97,6 +98,7 @@ void Sender::appendCopy(std::span<const std::byte> bytes) {
   Piece& last = queue_.back();
   std::memcpy(last.buffer.data() + last.end, bytes.data(), bytes.size());
   last.end += bytes.size();
+  backlog_ += bytes.size();
 }
 
 /// Whoever waits for the end of sending waits for what the stream's layer has taken as well.
@@ -166,6 +168,7 @@ ssize_t Sender::sendBuffers() {
 
 void Sender::taken(std::size_t bytes) {
   sent_ += bytes;
+  backlog_ -= bytes;
   while (bytes > 0) {
     Piece& piece = queue_.front();
     const std::size_t part = std::min(bytes, piece.end - piece.begin);
@@ -240,6 +243,7 @@ void Sender::fail() {
     failed_ = true;
     queue_.clear();
     pending_ = 0;
+    backlog_ = 0;
     stream_.shutDown();
     drained_.notify();
   }

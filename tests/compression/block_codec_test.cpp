@@ -38,23 +38,51 @@ Buffer joined(Buffer one, const Buffer& other) {
 }
 
 /// All blocks tried.
-Buffer compressed(const Buffer& plain, std::uint32_t block = blockLength) {
+Buffer compressed(const Buffer& plain, std::uint32_t block = blockLength, Effort effort = Effort::quick) {
   std::vector<Attempt> attempts(Nbd::blockCount(plain.size(), block), Attempt::hopeful);
   Buffer output(plain.size());
-  output.resize(compressBlocks(plain, block, attempts, output));
+  output.resize(compressBlocks(plain, block, effort, attempts, output));
   return output;
 }
 
 TEST(BlockCodec, WhatIsCompressedComesBack) {
-  for (const std::size_t length : {2048U, 4096U, 4097U, 8191U, 100'000U}) {
-    for (const Buffer& plain : {text(length), Buffer(length), joined(text(length), noise(length / 2))}) {
-      const Buffer blocks = compressed(plain);
-      ASSERT_TRUE(Nbd::isCompressedLength(blocks.size(), plain.size())) << length;
-      Buffer again(plain.size());
-      EXPECT_TRUE(expandBlocks(blocks, blockLength, again));
-      EXPECT_EQ(again, plain);
+  for (const Effort effort : {Effort::quick, Effort::thorough, Effort::quick}) {
+    for (const std::size_t length : {2048U, 4096U, 4097U, 8191U, 100'000U}) {
+      for (const Buffer& plain : {text(length), Buffer(length), joined(text(length), noise(length / 2))}) {
+        const Buffer blocks = compressed(plain, blockLength, effort);
+        ASSERT_TRUE(Nbd::isCompressedLength(blocks.size(), plain.size())) << length;
+        Buffer again(plain.size());
+        EXPECT_TRUE(expandBlocks(blocks, blockLength, again));
+        EXPECT_EQ(again, plain);
+      }
     }
   }
+}
+
+/// What repeats itself in short pieces from far away: a word of `vocabulary` after the other.
+Buffer words(std::size_t length, std::size_t vocabulary) {
+  std::mt19937 random(5);
+  std::vector<Buffer> known;
+  for (std::uint32_t word = 0; word < vocabulary; ++word) known.push_back(noise(8, 100 + word));
+  Buffer bytes;
+  while (bytes.size() < length) bytes = joined(std::move(bytes), known[random() % vocabulary]);
+  bytes.resize(length);
+  return bytes;
+}
+
+TEST(BlockCodec, ThoroughFindsWhatQuickForgets) {
+  const Buffer plain = words(Limits::compressionBlock, 2000);
+  const Buffer quick = compressed(plain, Limits::compressionBlock, Effort::quick);
+  const Buffer thorough = compressed(plain, Limits::compressionBlock, Effort::thorough);
+  ASSERT_FALSE(thorough.empty());
+  EXPECT_LT(thorough.size(), quick.empty() ? plain.size() : quick.size());
+}
+
+TEST(BlockCodec, EffortIsForANetworkThatLags) {
+  EXPECT_EQ(effortFor(0), Effort::quick);
+  EXPECT_EQ(effortFor(Limits::compressionBacklog - 1), Effort::quick);
+  EXPECT_EQ(effortFor(Limits::compressionBacklog), Effort::thorough);
+  EXPECT_EQ(effortFor(std::size_t{1} << 40), Effort::thorough);
 }
 
 TEST(BlockCodec, WhatDoesNotShrinkEnoughIsNotCompressed) {
@@ -66,7 +94,7 @@ TEST(BlockCodec, ABlockThatDoesNotShrinkStaysAsItIs) {
   const Buffer plain = joined(text(blockLength), noise(blockLength));
   std::vector<Attempt> attempts(2, Attempt::hopeful);
   Buffer output(plain.size());
-  output.resize(compressBlocks(plain, blockLength, attempts, output));
+  output.resize(compressBlocks(plain, blockLength, Effort::quick, attempts, output));
   EXPECT_EQ(attempts, (std::vector{Attempt::hopeful, Attempt::none}));
   const auto blocks = Nbd::splitBlocks(output, plain.size(), blockLength);
   ASSERT_TRUE(blocks);
@@ -159,7 +187,7 @@ TEST(CompressionSampler, NoiseThatRepeatsItselfIsFound) {
     const std::vector<Attempt> before = attempts;
     if (attempts.empty()) continue;
     Buffer output(plain.size());
-    EXPECT_GT(compressBlocks(plain, 2 * blockLength, attempts, output), 0U);
+    EXPECT_GT(compressBlocks(plain, 2 * blockLength, Effort::quick, attempts, output), 0U);
     sampler.note(before, attempts);
     ++allTried;
   }
