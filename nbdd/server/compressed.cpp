@@ -1,7 +1,7 @@
 // Compressed transfers of a connection that agreed on them: a READ is answered in compressed blocks where
 // that saves something, and a WRITE may come in them. Small transfers are compressed and expanded on the
-// loop, large ones on a thread of the pool. A connection that did not agree comes here for nothing but the
-// question.
+// loop, large ones on threads for that, as many as there are processors. A connection that did not agree
+// comes here for nothing but the question.
 
 #include <algorithm>
 #include <array>
@@ -21,9 +21,9 @@ namespace Nbdd {
 namespace {
 
 /// Does `work` (which yields nothing, and touches only what outlives this): at once if it is about few bytes,
-/// or else on a thread of the pool.
+/// or else on another thread.
 template <class Work>
-Io::Task<void> doAside(Io::FileIo& files, std::size_t bytes, Work work) {
+Io::Task<void> doAside(Io::FileIo& computing, std::size_t bytes, Work work) {
   if (bytes <= Limits::compressionInline) {
     work();
     co_return;
@@ -32,7 +32,7 @@ Io::Task<void> doAside(Io::FileIo& files, std::size_t bytes, Work work) {
     work();
     return 0;
   });
-  Io::FileIo::Running running = files.run(operation);
+  Io::FileIo::Running running = computing.run(operation);
   co_await running;
 }
 
@@ -89,7 +89,7 @@ Io::Task<void> Transmission::writeCompressed(Request request, Io::Buffer blocks,
   auto expand = [&good, &blocks, &plain, blockLength] {
     good = expandBlocks(blocks.bytes(), blockLength, plain.bytes());
   };
-  Io::Task<void> expanding = doAside(worker_.files(), request.length, expand);
+  Io::Task<void> expanding = doAside(worker_.computing(), request.length, expand);
   co_await expanding;
   const std::size_t wireLength = blocks.size();
   blocks.reset();
@@ -136,7 +136,7 @@ Io::Task<void> Transmission::readCompressed(Request request) {
     const std::span<std::byte> room = blocks.bytes().subspan(replies_.compressedHeaderSize());
     const Effort effort = effortFor(sender_.backlog());
     auto compress = [&] { wireLength = compressBlocks(plain, blockLength, effort, attempts, room); };
-    Io::Task<void> compressing = doAside(worker_.files(), request.length, compress);
+    Io::Task<void> compressing = doAside(worker_.computing(), request.length, compress);
     co_await compressing;
     sampler_.note(before, attempts);
   }
@@ -144,9 +144,12 @@ Io::Task<void> Transmission::readCompressed(Request request) {
   sent.bytesTransferred = wireLength > 0 ? wireLength : request.length;
   publication_->counters->addSent(sent);
   if (wireLength > 0) {
-    const std::size_t header = replies_.compressedHeader(blocks.bytes(), request, Nbd::ReplyFlag::done,
+    // What waits for the client shall take as much memory as there is to send.
+    Io::Buffer packed = worker_.buffers().take(replies_.compressedHeaderSize() + wireLength);
+    const std::size_t header = replies_.compressedHeader(packed.bytes(), request, Nbd::ReplyFlag::done,
                                                          request.offset, request.length, wireLength);
-    sender_.post(std::move(blocks), header + wireLength, std::move(share));
+    std::ranges::copy(blocks.bytes().subspan(header, wireLength), packed.data() + header);
+    sender_.post(std::move(packed), header + wireLength, std::move(share));
   } else {
     replies_.dataHeader(whole.bytes(), request, Nbd::ReplyFlag::done, request.offset, request.length);
     sender_.post(std::move(whole), replies_.dataHeaderSize() + request.length, std::move(share));

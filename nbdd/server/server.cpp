@@ -29,6 +29,9 @@ struct Server::State : std::enable_shared_from_this<Server::State> {
   // One for two processors: however many clients come at once, half of the processors are for those that are
   // there.
   Io::ThreadPool handshakes{std::max(1U, std::thread::hardware_concurrency() / 2)};
+  // One for each processor: each works on memory of its own that fits into a cache, and more would take turns
+  // there.
+  Io::ThreadPool computing{std::max(1U, std::thread::hardware_concurrency())};
   WorkerEvents workerEvents;
   std::vector<std::unique_ptr<Worker>> workers;
   std::unique_ptr<Listener> listener;
@@ -71,8 +74,9 @@ struct Server::State : std::enable_shared_from_this<Server::State> {
     }
     const unsigned int count =
         options.workers != 0 ? options.workers : std::max(1U, std::thread::hardware_concurrency());
+    const Worker::Pools pools{.storage = pool, .handshakes = handshakes, .computing = computing};
     for (unsigned int index = 0; index < count; ++index) {
-      workers.push_back(std::make_unique<Worker>(*table, pool, handshakes, options.allowRing, workerEvents));
+      workers.push_back(std::make_unique<Worker>(*table, pools, options.allowRing, workerEvents));
     }
   }
 

@@ -10,11 +10,9 @@
 
 namespace Nbdd {
 
-Worker::Worker(ExportTable& table, Io::ThreadPool& pool, Io::ThreadPool& handshakes, bool allowRing,
-               const WorkerEvents& events)
+Worker::Worker(ExportTable& table, Pools pools, bool allowRing, const WorkerEvents& events)
     : table_(table),
-      pool_(pool),
-      handshakes_(handshakes),
+      pools_(pools),
       events_(events),
       inputMemory_(buffers_.take(Limits::inputBatch)),
       replyMemory_(buffers_.take(Limits::replyBatch)),
@@ -53,10 +51,12 @@ void Worker::run(bool allowRing, std::function<void()> started) {
   ::sigemptyset(&brokenPipe);
   ::sigaddset(&brokenPipe, SIGPIPE);
   ::pthread_sigmask(SIG_BLOCK, &brokenPipe, nullptr);
-  files_ = Io::makeFileIo(loop_, pool_, allowRing);
+  files_ = Io::makeFileIo(loop_, pools_.storage, allowRing);
+  computing_ = Io::makeFileIo(loop_, pools_.computing, false);
   engineName_ = files_->name();
   started();
   loop_.run();
+  computing_.reset();
   files_.reset();
 }
 

@@ -37,10 +37,15 @@ struct WorkerEvents {
 /// One thread with an event loop, and the sessions that live on it.
 class Worker {
  public:
-  /// Starts the thread. `table`, the pools and `events` outlive it. `pool` is for storage, `handshakes` for
-  /// the arithmetic of TLS.
-  Worker(ExportTable& table, Io::ThreadPool& pool, Io::ThreadPool& handshakes, bool allowRing,
-         const WorkerEvents& events);
+  /// Threads that the workers share.
+  struct Pools {
+    Io::ThreadPool& storage;
+    Io::ThreadPool& handshakes;  // the arithmetic of TLS
+    Io::ThreadPool& computing;   // compression
+  };
+
+  /// Starts the thread. `table`, the pools and `events` outlive it.
+  Worker(ExportTable& table, Pools pools, bool allowRing, const WorkerEvents& events);
   /// As `finish`.
   ~Worker();
   Worker(const Worker&) = delete;
@@ -69,10 +74,11 @@ class Worker {
 
   Io::EventLoop& loop() { return loop_; }
   Io::FileIo& files() { return *files_; }
+  /// For calls that keep a processor busy.
+  Io::FileIo& computing() { return *computing_; }
   Io::BufferPool& buffers() { return buffers_; }
   ExportTable& table() { return table_; }
-  Io::ThreadPool& pool() { return pool_; }
-  Io::ThreadPool& handshakes() { return handshakes_; }
+  Io::ThreadPool& handshakes() { return pools_.handshakes; }
   MemoryBudget& payloadMemory() { return payloadMemory_; }
   const WorkerEvents& events() const { return events_; }
   /// Tasks that no session owns: they may outlive the one that began them.
@@ -91,8 +97,7 @@ class Worker {
   Io::Task<void> stopWhenDone();
 
   ExportTable& table_;
-  Io::ThreadPool& pool_;
-  Io::ThreadPool& handshakes_;
+  const Pools pools_;
   const WorkerEvents& events_;
   Io::EventLoop loop_;
   std::atomic<std::size_t> sessionCount_ = 0;
@@ -104,6 +109,7 @@ class Worker {
   Io::Buffer replyMemory_;
   MemoryBudget payloadMemory_;
   std::unique_ptr<Io::FileIo> files_;
+  std::unique_ptr<Io::FileIo> computing_;
   Io::Scope scope_;
   Io::Scope stopping_;
   std::unordered_map<SessionId, std::unique_ptr<Session>> sessions_;
