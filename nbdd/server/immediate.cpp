@@ -13,6 +13,7 @@
 #include "nbdd/exports/allocation.h"
 #include "nbdd/log/log.h"
 #include "nbdd/server/read_shape.h"
+#include "nbdd/server/transfer_all.h"
 #include "nbdd/server/transmission.h"
 #include "nbdd/server/wire_error.h"
 #include "nbdd/server/worker.h"
@@ -25,37 +26,6 @@ namespace {
 // tried all the same.
 constexpr unsigned int missesInARow = 4;
 constexpr unsigned int looksApart = 16;
-
-/// Writes all of it with write(2). 0 or an errno.
-int writeAll(int file, std::span<const std::byte> data, std::uint64_t offset) {
-  while (!data.empty()) {
-    const ssize_t written = ::pwrite(file, data.data(), data.size(), static_cast<off_t>(offset));
-    if (written < 0 && errno != EINTR) {
-      return errno;
-    }
-    if (written == 0) {
-      return EIO;
-    }
-    const auto count = static_cast<std::size_t>(std::max<ssize_t>(written, 0));
-    data = data.subspan(count);
-    offset += count;
-  }
-  return 0;
-}
-
-/// Writes all of it, here and now. 0 or an errno.
-int writeNow(Storage& storage, std::span<const std::byte> data, std::uint64_t offset) {
-  if (storage.node().memoryBacked) {
-    const Mapping* const mapping = storage.mapping();
-    const bool done = mapping != nullptr && mapping->write(data, offset);
-    return done ? 0 : writeAll(storage.descriptor(), data, offset);
-  }
-  const WritePace::Clock::time_point begin = WritePace::Clock::now();
-  const int error = writeAll(storage.descriptor(), data, offset);
-  const WritePace::Clock::time_point end = WritePace::Clock::now();
-  storage.writePace().wrote(end - begin, end);
-  return error;
-}
 
 std::string_view commandName(Nbd::Command command) {
   switch (command) {

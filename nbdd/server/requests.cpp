@@ -238,6 +238,12 @@ Io::Task<void> Transmission::writeSlowly(Request request, Io::Buffer payload, Me
   }
   payload.reset();
   share = {};
+  Io::Task<void> ending = endWrite(request, error, wireLength);
+  co_await ending;
+}
+
+/// All of it has been written, or `error` came in between.
+Io::Task<void> Transmission::endWrite(Request request, int error, std::size_t wireLength) {
   publication_->counters->addReceived({.transfers = 1,
                                        .bytes = request.length,
                                        .bytesTransferred = wireLength > 0 ? wireLength : request.length,

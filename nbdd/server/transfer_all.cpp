@@ -1,5 +1,7 @@
 #include "nbdd/server/transfer_all.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 
@@ -29,6 +31,23 @@ Io::Task<int> transferAll(Io::FileIo& files, int file, Bytes bytes, std::uint64_
   co_return 0;
 }
 
+/// Writes all of it with write(2). 0 or an errno.
+int writeAllNow(int file, std::span<const std::byte> data, std::uint64_t offset) {
+  while (!data.empty()) {
+    const ssize_t written = ::pwrite(file, data.data(), data.size(), static_cast<off_t>(offset));
+    if (written < 0 && errno != EINTR) {
+      return errno;
+    }
+    if (written == 0) {
+      return EIO;
+    }
+    const auto count = static_cast<std::size_t>(std::max<ssize_t>(written, 0));
+    data = data.subspan(count);
+    offset += count;
+  }
+  return 0;
+}
+
 }  // namespace
 
 Io::Task<int> readAll(Io::FileIo& files, int file, std::span<std::byte> buffer, std::uint64_t offset) {
@@ -37,6 +56,19 @@ Io::Task<int> readAll(Io::FileIo& files, int file, std::span<std::byte> buffer, 
 
 Io::Task<int> writeAll(Io::FileIo& files, int file, std::span<const std::byte> data, std::uint64_t offset) {
   return transferAll(files, file, data, offset, &Io::FileOperation::write);
+}
+
+int writeNow(Storage& storage, std::span<const std::byte> data, std::uint64_t offset) {
+  if (storage.node().memoryBacked) {
+    const Mapping* const mapping = storage.mapping();
+    const bool done = mapping != nullptr && mapping->write(data, offset);
+    return done ? 0 : writeAllNow(storage.descriptor(), data, offset);
+  }
+  const WritePace::Clock::time_point begin = WritePace::Clock::now();
+  const int error = writeAllNow(storage.descriptor(), data, offset);
+  const WritePace::Clock::time_point end = WritePace::Clock::now();
+  storage.writePace().wrote(end - begin, end);
+  return error;
 }
 
 }  // namespace Nbdd

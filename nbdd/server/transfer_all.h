@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <span>
 
+#include "nbdd/exports/storage.h"
 #include "nbdd/io/file_io.h"
 #include "nbdd/io/task.h"
 
@@ -15,5 +16,9 @@ Io::Task<int> readAll(Io::FileIo& files, int file, std::span<std::byte> buffer, 
 
 /// The same for writing.
 Io::Task<int> writeAll(Io::FileIo& files, int file, std::span<const std::byte> data, std::uint64_t offset);
+
+/// Writes all of `data` here and now: with a copy if the storage is memory, or else with write(2), which may
+/// wait. 0 or an errno. Any thread.
+int writeNow(Storage& storage, std::span<const std::byte> data, std::uint64_t offset);
 
 }  // namespace Nbdd

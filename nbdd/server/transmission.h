@@ -101,6 +101,7 @@ class Transmission {
   // Compressed transfers, where they were agreed on (compressed.cpp)
   bool goesCompressed(const Request& request) const;
   std::size_t executeCompressedWrite(Request request, std::span<const std::byte> behind);
+  Io::Task<void> endWrite(Request request, int error, std::size_t wireLength);
   Io::Task<void> writeCompressed(Request request, Io::Buffer blocks, MemoryBudget::Share share);
   Io::Task<void> readCompressed(Request request);
 
