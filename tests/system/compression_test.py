@@ -6,6 +6,7 @@ import random
 import socket
 import struct
 import subprocess
+import tempfile
 import threading
 import unittest
 from pathlib import Path
@@ -281,16 +282,31 @@ class Client(unittest.TestCase):
 
     def setUp(self):
         self.service = Service(self, listen=("127.0.0.1",)).start().start_server()
-        self.image = self.service.images / "disk.img"
+        self.image = self.directory() / "disk.img"
         self.text = log_text(MIB)
         self.content = self.text + images.random_bytes(MIB) + bytes(MIB) + self.text[::-1]
         self.image.write_bytes(self.content)
         self.number, self.name = self.service.publish(self.image)
 
+    def directory(self):
+        return self.service.images
+
     def connect(self, **more):
         client = extension.Client(self.service.port, self.name, **more)
         self.addCleanup(client.close)
         return client
+
+    def test_several_writes_at_a_time(self):
+        client = self.connect()
+        length = 3 * extension.BLOCK
+        places = range(0, 8 * length, length)
+        pieces = [self.text[5000 * index :][:length] for index in range(len(places))]
+        for place, piece in zip(places, pieces):
+            payload = extension.blocks(piece)
+            client.request(extension.WRITE, place, length, extension.FLAG_COMPRESSED)
+            client.send(struct.pack(">I", len(payload)) + payload)
+        self.assertEqual(client.errors(len(places)), [0] * len(places))
+        self.assertEqual(self.image.read_bytes()[: 8 * length], b"".join(pieces))
 
     def test_the_counters_are_the_bytes_on_the_wire(self):
         client = self.connect()
@@ -402,6 +418,15 @@ class Client(unittest.TestCase):
         self.assertEqual(ask(2, extension.BLOCK)[-1][0], extension.UNSUPPORTED)
         self.assertEqual(ask(1, 0)[-1][0], extension.INVALID)
         self.assertEqual(ask(1, 4096)[-1][0], extension.ACK)
+
+
+class ClientInMemory(Client, unittest.TestCase):
+    """The same, where the image is memory: nobody waits for it."""
+
+    def directory(self):
+        directory = tempfile.TemporaryDirectory(dir="/dev/shm")
+        self.addCleanup(directory.cleanup)
+        return Path(directory.name)
 
 
 class Server(unittest.TestCase):

@@ -139,8 +139,8 @@ class Client:
                 assert kind == CHUNK_HOLE, kind
         return bytes(data), on_wire
 
-    def error(self):
-        """The error of the next reply; 0 for success."""
+    def _reply(self):
+        """The cookie and the error of the next reply; 0 for success."""
         (magic,) = struct.unpack(">I", self._receive(4))
         if magic == 0x67446698:
             error, cookie = struct.unpack(">IQ", self._receive(12))
@@ -148,8 +148,18 @@ class Client:
             _, kind, cookie, size = struct.unpack(">HHQI", self._receive(16))
             payload = self._receive(size)
             error = struct.unpack(">I", payload[:4])[0] if kind == CHUNK_ERROR else 0
+        return cookie, error
+
+    def error(self):
+        """The error of the next reply, which is to the last request; 0 for success."""
+        cookie, error = self._reply()
         assert cookie == self._cookie
         return error
+
+    def errors(self, count):
+        """The errors of so many requests, the last ones, whose replies come in any order."""
+        replies = dict(self._reply() for _ in range(count))
+        return [replies[self._cookie - earlier] for earlier in reversed(range(count))]
 
     def write(self, offset, data):
         self.request(WRITE, offset, len(data))
