@@ -236,8 +236,8 @@ TEST_F(ControlServerTest, RunningOutOfDescriptorsHarmsOnlyForAsLongAsItLasts) {
   // goes on.
   Client idle = server.connect();
   ASSERT_TRUE(idle.call(Methods::serverStop).has_value());
-  // Two turns of the loop, so that each kind of handler has had an event: the undefined-behaviour sanitizer needs
-  // a pipe to look at the type of an object whose kind it meets for the first time.
+  // Two turns of the loop, so that each kind of handler has had an event: the undefined-behaviour sanitizer
+  // needs a pipe to look at the type of an object whose kind it meets for the first time.
   for (int turn = 0; turn < 2; ++turn) ASSERT_EQ(server.connections(), 1U);
   Descriptor socket(::socket(AF_UNIX, SOCK_STREAM, 0));
   std::vector<Descriptor> taken;
