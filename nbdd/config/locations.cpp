@@ -94,8 +94,10 @@ std::expected<void, std::string> prepareDirectory(const std::filesystem::path& d
     failure = std::error_code(errno, std::generic_category());
   }
   if (failure) {
-    return std::unexpected(fmt::format("the directory {} cannot be made ({}): make it, or name another one",
-                                       directory.native(), failure.message()));
+    return std::unexpected(
+        fmt::format("the directory {} cannot be made ({}): make it, or name others by NBDD_RUNTIME_DIR and "
+                    "NBDD_STATE_DIR",
+                    directory.native(), failure.message()));
   }
   if (!S_ISDIR(status.st_mode)) {
     return std::unexpected(fmt::format("{} is no directory: take it away", directory.native()));

@@ -403,6 +403,11 @@ class StartUpErrors(unittest.TestCase):
         self.service.runtime.write_text("")
         self.expect(str(self.service.runtime))
 
+    def test_a_state_directory_that_cannot_be_made(self):
+        (self.service.root / "file").write_text("")
+        self.service.environment["NBDD_STATE_DIR"] = str(self.service.root / "file" / "state")
+        self.expect(f"{self.service.root}/file/state", "NBDD_STATE_DIR")
+
     def test_an_unknown_way_to_wait_for_storage(self):
         self.service.environment["NBDD_IO"] = "magic"
         self.expect("NBDD_IO")
