@@ -23,6 +23,14 @@ class BenchmarkTool(unittest.TestCase):
         places = ["--bin", os.environ["TALVEK_BIN"], "--memory", self.images, "--disk", self.images]
         return [sys.executable, RUN, "--quick", *places, *words]
 
+    def test_every_row_is_documented(self):
+        said = processes.run([sys.executable, RUN, "--help"]).out
+        listing = "".join(said.split("only these, by comma:", 1)[1].split("--servers", 1)[0].split())
+        documented = (RUN.parents[1] / "docs" / "benchmarks.md").read_text()
+        rows = listing.split(",")
+        self.assertGreater(len(rows), 20, said)
+        self.assertEqual([row for row in rows if f"`{row}`" not in documented], [])
+
     def test_a_quick_run_ends_with_a_table(self):
         rows = "read-4k-d1,clients-1000,idle-1000"
         out = processes.run(self.command("--rows", rows, "--servers", "nbdkit -t 2"), limit=600).out
