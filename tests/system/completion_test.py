@@ -4,7 +4,6 @@ import os
 import pathlib
 import pty
 import select
-import shutil
 import subprocess
 import time
 import unittest
@@ -12,14 +11,25 @@ import unittest
 from support import images, processes
 from support.service import Service
 
-COMPLETION = pathlib.Path(__file__).resolve().parents[2] / "packaging" / "completion" / "nbdctl.bash"
+COMPLETION = pathlib.Path(__file__).resolve().parents[2] / "packaging" / "completion"
 PROMPT = b"ready> "
 
 
-class Shell:
-    """An interactive bash on a terminal of its own."""
+# What the prompt's line looks like is nobody's business here, but where it ends is.
+ZSHRC = f"""
+zmodload zsh/zle && unset zle_bracketed_paste
+unsetopt prompt_sp prompt_cr auto_list
+PS1='{PROMPT.decode()}'
+fpath=({COMPLETION} $fpath)
+autoload -U compinit
+compinit -u -D
+"""
 
-    def __init__(self, test, environment):
+
+class Shell:
+    """An interactive shell on a terminal of its own."""
+
+    def __init__(self, test, command, environment):
         self.terminal, end = pty.openpty()
         test.addCleanup(os.close, self.terminal)
         programs = os.path.dirname(processes.program("nbdctl"))
@@ -31,7 +41,7 @@ class Shell:
             "INPUTRC": "/dev/null",
         }
         self.process = subprocess.Popen(
-            ["bash", "--norc", "--noprofile", "-i"],
+            command,
             env=environment,
             stdin=end,
             stdout=end,
@@ -42,7 +52,6 @@ class Shell:
         os.close(end)
         test.addCleanup(processes.end, self.process)
         self.await_prompt()
-        self.type(f"source {COMPLETION}\n")
 
     def await_prompt(self):
         seen = b""
@@ -60,11 +69,8 @@ class Shell:
         return self.await_prompt()
 
 
-@unittest.skipUnless(shutil.which("bash"), "bash is not installed")
-class Bash(unittest.TestCase):
-    def setUp(self):
-        self.service = Service(self).start()
-        self.shell = Shell(self, self.service.environment)
+class Names:
+    """Names of nodes: the same with every shell. `service` and `shell` are there."""
 
     def expect_added(self, typed, node):
         seen = self.shell.type(typed)
@@ -96,6 +102,10 @@ class Bash(unittest.TestCase):
             images.write_zeros(self.service.images / name)
         self.expect_added(f"nbdctl add {self.service.images}/two\t2\t\n", self.service.images / "two disks.2")
 
+
+class Numbers:
+    """IDs and the other words of commands."""
+
     def test_numbers_are_those_of_the_command_s_own_kind(self):
         programs = self.service.images / "programs"
         programs.mkdir()
@@ -116,6 +126,21 @@ class Bash(unittest.TestCase):
             self.assertIn(f"asked: {command} 22", self.shell.type(f"nbdctl {command} \t\n"))
         self.assertIn("asked: disable 3 force", self.shell.type("nbdctl disable 3 f\t\n"))
         self.assertIn("asked: idisable 3 f\r", self.shell.type("nbdctl idisable 3 f\t\n"))
+
+
+class Bash(Names, Numbers, unittest.TestCase):
+    def setUp(self):
+        self.service = Service(self).start()
+        self.shell = Shell(self, ["bash", "--norc", "--noprofile", "-i"], self.service.environment)
+        self.shell.type(f"source {COMPLETION}/nbdctl.bash\n")
+
+
+class Zsh(Names, Numbers, unittest.TestCase):
+    def setUp(self):
+        self.service = Service(self).start()
+        (self.service.root / ".zshrc").write_text(ZSHRC)
+        environment = {**self.service.environment, "ZDOTDIR": str(self.service.root)}
+        self.shell = Shell(self, [processes.tool("zsh"), "-d", "-i"], environment)
 
 
 if __name__ == "__main__":
