@@ -82,7 +82,7 @@ inline constexpr int listenBacklog = 4096;
 
 /// How long a client may take from its connection, or from the last option that it was granted, to the next.
 /// A client that asks for each of hundreds of exports is slow, not hostile; one that asks for nonsense gains
-/// no time.
+/// no time. What it waits for our own arithmetic of TLS is not its time.
 inline constexpr std::chrono::seconds handshakeTime{30};
 
 /// How long an ended session may take to send its last replies to a client that does not read, and one whose

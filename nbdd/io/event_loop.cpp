@@ -143,7 +143,22 @@ void Timer::start(Clock::duration delay) {
   running_ = true;
 }
 
+void Timer::pause() {
+  if (running_) {
+    const Clock::duration left = due_ - Clock::now();
+    cancel();
+    left_ = left;
+  }
+}
+
+void Timer::resume() {
+  if (left_) {
+    start(*left_);
+  }
+}
+
 void Timer::cancel() {
+  left_.reset();
   if (running_) {
     loop_.timers_.erase({due_, this});
     running_ = false;

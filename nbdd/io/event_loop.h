@@ -98,6 +98,10 @@ class Timer {
   /// Starts or restarts.
   void start(Clock::duration delay);
   void cancel();
+  /// Stands still until `resume`, which lets it run for as long as was left. Both do nothing to a timer that
+  /// does not run, or does not stand still; `start` and `cancel` end the standstill.
+  void pause();
+  void resume();
   bool running() const { return running_; }
 
  private:
@@ -106,6 +110,7 @@ class Timer {
   EventLoop& loop_;
   Function function_;
   Clock::time_point due_{};
+  std::optional<Clock::duration> left_;  // while it stands still
   bool running_ = false;
 };
 

@@ -220,7 +220,7 @@ Io::Task<DialResult> Dialler::negotiate(Dialled dialled, ClientHandshake::Wish w
 }
 
 Io::Task<std::expected<void, Failure>> Dialler::secure() {
-  auto shaking = Tls::shakeHands(*stream_, nullptr, security_.credentials, place_.host);
+  auto shaking = Tls::shakeHands(*stream_, std::nullopt, security_.credentials, place_.host);
   const std::expected<Tls::Peer, std::string> peer = co_await shaking;
   if (verdict_ != Verdict::goOn) co_return interrupted("the TLS handshake took too long");
   if (!peer) co_return failure(FailureCode::tlsFailed, fmt::format("TLS has failed: {}", peer.error()));

@@ -181,8 +181,11 @@ Io::Task<bool> Session::secure(std::shared_ptr<const Access> access,
   if (!sent || ending_) {
     co_return false;
   }
-  auto shaking = Tls::shakeHands(stream_, &worker_.handshakes(), access->credentials);
+  securing_ = std::stop_source();
+  Tls::Aside aside{.pool = worker_.handshakes(), .deadline = deadline_, .givenUp = securing_.get_token()};
+  auto shaking = Tls::shakeHands(stream_, std::move(aside), access->credentials);
   const std::expected<Tls::Peer, std::string> peer = co_await shaking;
+  securing_ = std::stop_source(std::nostopstate);
   if (!peer) {
     log(LogLevel::warning, "tls-failed", "TLS with client {} port {} has failed: {}", peer_.address,
         peer_.port, peer.error());
@@ -285,6 +288,7 @@ void Session::end() {
   if (!ending_) {
     ending_ = true;
     deadline_.start(Limits::lastRepliesTime);
+    securing_.request_stop();
     if (transmission_) {
       transmission_->stop();
     }

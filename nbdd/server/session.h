@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <memory>
 #include <optional>
+#include <stop_token>
 #include <string>
 #include <vector>
 
@@ -66,6 +67,7 @@ class Session {
   std::vector<std::byte> received_;             // during the handshake: what was received and not used yet
   std::unique_ptr<Transmission> transmission_;
   std::string security_;  // how the connection is secured, for people; empty in the clear
+  std::stop_source securing_{std::nostopstate};  // the TLS handshake that is being made
   bool ending_ = false;
 };
 

@@ -25,27 +25,31 @@ void standBack() {
   static_cast<void>(done);
 }
 
-/// Awaits one step of the handshake, made on the pool.
-class StepOnPool {
+/// Awaits one step of the handshake, made on the pool; nothing if it was given up before.
+class StepAside {
  public:
-  StepOnPool(Io::ThreadPool& pool, Io::EventLoop& loop, Channel& channel)
-      : pool_(pool), loop_(loop), channel_(channel) {}
+  StepAside(Aside& aside, Io::EventLoop& loop, Channel& channel)
+      : aside_(aside), loop_(loop), channel_(channel) {}
 
   bool await_ready() const noexcept { return false; }
   void await_suspend(std::coroutine_handle<> waiter) {
-    pool_.submit([this, waiter] {
+    aside_.deadline.pause();
+    aside_.pool.submit([this, waiter] {
       standBack();
-      step_ = channel_.shakeHands();
-      loop_.post([waiter] { waiter.resume(); });
+      if (!aside_.givenUp.stop_requested()) step_ = channel_.shakeHands();
+      loop_.post([this, waiter] {
+        aside_.deadline.resume();
+        waiter.resume();
+      });
     });
   }
-  Step await_resume() const noexcept { return step_; }
+  std::optional<Step> await_resume() const noexcept { return step_; }
 
  private:
-  Io::ThreadPool& pool_;
+  Aside& aside_;
   Io::EventLoop& loop_;
   Channel& channel_;
-  Step step_ = Step::failed;
+  std::optional<Step> step_;
 };
 
 /// Awaits that all of the channel's words are with the socket. False: they never will be.
@@ -78,18 +82,19 @@ Io::Task<int> receiveMore(Io::Stream& stream, Channel& channel) {
 
 }  // namespace
 
-Io::Task<std::expected<Peer, std::string>> shakeHands(Io::Stream& stream, Io::ThreadPool* pool,
+Io::Task<std::expected<Peer, std::string>> shakeHands(Io::Stream& stream, std::optional<Aside> aside,
                                                       std::shared_ptr<const Credentials> credentials,
                                                       std::string host) {
   auto channel = std::make_unique<Channel>(stream, std::move(credentials), std::move(host));
   for (;;) {
-    Step step = Step::failed;
-    if (pool != nullptr) {
-      StepOnPool onPool(*pool, stream.loop(), *channel);
-      step = co_await onPool;
+    std::optional<Step> step;
+    if (aside) {
+      StepAside stepAside(*aside, stream.loop(), *channel);
+      step = co_await stepAside;
     } else {
       step = channel->shakeHands();
     }
+    if (!step) co_return std::unexpected("it was given up");
     Io::Task<bool> sending = sendAll(stream, *channel);
     const bool sent = co_await sending;
     if (step == Step::failed) co_return std::unexpected(channel->failure());
@@ -98,6 +103,7 @@ Io::Task<std::expected<Peer, std::string>> shakeHands(Io::Stream& stream, Io::Th
     Io::Task<int> receiving = receiveMore(stream, *channel);
     const int error = co_await receiving;
     if (error == ECONNRESET) co_return std::unexpected("the other side has ended the connection");
+    if (error == EINTR) co_return std::unexpected("it was given up");
     if (error != 0) co_return std::unexpected(std::generic_category().message(error));
   }
   Peer peer = channel->peer();

@@ -82,6 +82,47 @@ TEST(EventLoop, FiresTimersInOrderAndNotTheCancelledOnes) {
   EXPECT_FALSE(first.running());
 }
 
+TEST(EventLoop, APausedTimerStandsStill) {
+  EventLoop loop;
+  std::string order;
+  Timer paused(loop, [&] {
+    order += 'p';
+    loop.stop();
+  });
+  Timer other(loop, [&] {
+    order += 'o';
+    paused.resume();
+  });
+  paused.resume();  // has no effect
+  EXPECT_FALSE(paused.running());
+  paused.start(std::chrono::nanoseconds(0));
+  paused.pause();
+  paused.pause();
+  EXPECT_FALSE(paused.running());
+  other.start(std::chrono::milliseconds(1));
+  loop.run();
+  EXPECT_EQ(order, "op");
+}
+
+TEST(EventLoop, APausedTimerThatIsStartedOrCancelledIsNotResumed) {
+  EventLoop loop;
+  bool fired = false;
+  Timer timer(loop, [&] { fired = true; });
+  Timer last(loop, [&] { loop.stop(); });
+  timer.start(std::chrono::nanoseconds(0));
+  timer.pause();
+  timer.start(std::chrono::hours(1));
+  timer.resume();
+  last.start(std::chrono::nanoseconds(0));
+  loop.run();
+  EXPECT_TRUE(timer.running());
+  timer.pause();
+  timer.cancel();
+  timer.resume();
+  EXPECT_FALSE(timer.running());
+  EXPECT_FALSE(fired);
+}
+
 class Handler final : public EventHandler {
  public:
   explicit Handler(std::function<void()> action) : action_(std::move(action)) {}

@@ -5,7 +5,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <fstream>
+#include <future>
 #include <random>
 #include <string>
 #include <vector>
@@ -221,7 +223,7 @@ TEST_F(Handshakes, BytesInTheClearFail) {
   const std::string words = "IHAVEOPT\0\0\0\3\0\0\0\0 and whatever else a client may say in the clear";
   ASSERT_GT(client_->send(std::as_bytes(std::span(words))), 0);
   std::optional<Shaken> server;
-  scope_.spawn(shake(*server_, &pool_, serverCredentials(), server));
+  scope_.spawn(shake(*server_, aside(), serverCredentials(), server));
   runAll();
   EXPECT_FALSE(server->has_value());
 }
@@ -229,7 +231,7 @@ TEST_F(Handshakes, BytesInTheClearFail) {
 TEST_F(Handshakes, AClientThatGoesFails) {
   client_->shutDown();
   std::optional<Shaken> server;
-  scope_.spawn(shake(*server_, &pool_, serverCredentials(), server));
+  scope_.spawn(shake(*server_, aside(), serverCredentials(), server));
   runAll();
   ASSERT_FALSE(server->has_value());
   EXPECT_EQ(server->error(), "the other side has ended the connection");
@@ -237,10 +239,55 @@ TEST_F(Handshakes, AClientThatGoesFails) {
 
 TEST_F(Handshakes, AreInterruptedWithTheReading) {
   std::optional<Shaken> server;
-  scope_.spawn(shake(*server_, &pool_, serverCredentials(), server));
+  scope_.spawn(shake(*server_, aside(), serverCredentials(), server));
   loop_.post([this] { server_->interruptReading(); });
   runAll();
   EXPECT_FALSE(server->has_value());
+}
+
+// The deadline is due at once. Were it to run on while the handshake waits for the pool, it would have passed
+// when a timer that was started later fires.
+TEST_F(Handshakes, TheDeadlineStandsStillWhileTheyWaitForThePool) {
+  std::promise<void> free;
+  pool_.submit([&free] { free.get_future().wait(); });
+  bool lateBefore = false;
+  Io::Timer later(loop_, [&] {
+    lateBefore = late_;
+    free.set_value();
+  });
+  std::optional<Shaken> server;
+  deadline_.start(std::chrono::nanoseconds(0));
+  scope_.spawn(shake(*server_, aside(), serverCredentials(), server));
+  later.start(std::chrono::nanoseconds(0));
+  runAll();
+  EXPECT_FALSE(lateBefore);
+  // The rest of the handshake is the other side's, who says nothing.
+  EXPECT_TRUE(late_);
+  ASSERT_FALSE(server->has_value());
+  EXPECT_EQ(server->error(), "it was given up");
+}
+
+TEST_F(Handshakes, ADeadlineThatIsNotReachedGoesOnBehindThem) {
+  deadline_.start(std::chrono::hours(1));
+  const auto [server, client] = shakeBoth(serverCredentials(), clientCredentials());
+  ASSERT_TRUE(server.has_value()) << server.error();
+  EXPECT_TRUE(deadline_.running());
+}
+
+TEST_F(Handshakes, AreNotBegunOnceTheyAreGivenUp) {
+  std::promise<void> free;
+  pool_.submit([&free] { free.get_future().wait(); });
+  std::optional<Shaken> server;
+  std::optional<Shaken> client;
+  scope_.spawn(shake(*client_, std::nullopt, clientCredentials(), client));
+  scope_.spawn(shake(*server_, aside(), serverCredentials(), server));
+  givenUp_.request_stop();
+  free.set_value();
+  runAll();
+  ASSERT_FALSE(server->has_value());
+  EXPECT_EQ(server->error(), "it was given up");
+  ASSERT_FALSE(client->has_value());
+  EXPECT_EQ(client->error(), "the other side has ended the connection");
 }
 
 }  // namespace

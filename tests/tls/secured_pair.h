@@ -11,6 +11,7 @@
 #include <fstream>
 #include <memory>
 #include <optional>
+#include <stop_token>
 #include <string>
 #include <utility>
 
@@ -60,19 +61,20 @@ class SecuredPair : public ::testing::Test {
         .value();
   }
 
-  static Io::Task<void> shake(Io::Stream& stream, Io::ThreadPool* pool,
+  static Io::Task<void> shake(Io::Stream& stream, std::optional<Aside> aside,
                               std::shared_ptr<const Credentials> credentials, std::optional<Shaken>& result) {
-    auto shaking = shakeHands(stream, pool, std::move(credentials));
+    auto shaking = shakeHands(stream, std::move(aside), std::move(credentials));
     result = co_await shaking;
     if (!*result) stream.shutDown();
   }
+  Aside aside() { return {.pool = pool_, .deadline = deadline_, .givenUp = givenUp_.get_token()}; }
   /// Makes both handshakes, the server's on a pool.
   std::pair<Shaken, Shaken> shakeBoth(std::shared_ptr<const Credentials> server,
                                       std::shared_ptr<const Credentials> client) {
     std::optional<Shaken> servers;
     std::optional<Shaken> clients;
-    scope_.spawn(shake(*server_, &pool_, std::move(server), servers));
-    scope_.spawn(shake(*client_, nullptr, std::move(client), clients));
+    scope_.spawn(shake(*server_, aside(), std::move(server), servers));
+    scope_.spawn(shake(*client_, std::nullopt, std::move(client), clients));
     runAll();
     return {std::move(*servers), std::move(*clients)};
   }
@@ -90,6 +92,12 @@ class SecuredPair : public ::testing::Test {
 
   std::filesystem::path directory_;
   Io::EventLoop loop_;
+  Io::Timer deadline_{loop_, [this] {
+                        late_ = true;
+                        server_->interruptReading();
+                      }};
+  bool late_ = false;  // the deadline has passed
+  std::stop_source givenUp_;
   Io::ThreadPool pool_{1};
   Io::Scope scope_;
   Io::Scope stopping_;
