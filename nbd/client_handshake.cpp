@@ -7,18 +7,20 @@
 
 #include "nbd/contract.h"
 
-// One option is under way at any time. Its replies arrive as pairs of a header and data; the final one
-// decides what comes next:
+// One option is under way at any time, but for INFO. Its replies arrive as pairs of a header and data; the
+// final one decides what comes next:
 //
 //   if wished:     STARTTLS, before all others
 //   transmission:  EXTENDED_HEADERS, or else STRUCTURED_REPLY; SET_META_CONTEXT; GO, and EXPORT_NAME where
-//   the
-//                  server does not know GO
+//                  the server does not know GO
 //   listing:       LIST, ABORT
 //   details:       LIST, INFO for each export, ABORT
 //
 // Before all that stand the requests of the extension, if there is a dialogue. What is optional and refused
 // is left out.
+//
+// Thousands of exports would take thousands of round trips, so INFO is sent in groups. A server that takes
+// one option at a time finds the others where they wait, in its socket, and the answers come in order.
 
 namespace Nbd {
 
@@ -241,11 +243,12 @@ void ClientHandshake::acknowledged(Output& output) {
       state_ = State::transmission;
       return;
     case Option::list:
-      if (wish_.goal == Goal::details) return sendDetailsOption(output);
+      if (wish_.goal == Goal::details) return askForDetails(output);
       return leave(output);
     case Option::info:
       ++described_;
-      return sendDetailsOption(output);
+      replyCount_ = 0;
+      return askForDetails(output);
     case Option::extension:
       if (!wish_.dialogue->acknowledged()) return fail("the server's answer of the extension is not whole");
       return sendNextQuestion(output);
@@ -271,8 +274,10 @@ void ClientHandshake::refused(Bytes data, Output& output) {
       agreement_.allocationContext.reset();
       return sendExportOption(output, Option::go, wish_.exportName);
     case Option::info:  // gone since it was listed, or not for us: listed all the same
+      if (described_ == 0 && replyType_ == ReplyType::unsupported) return leave(output);
       ++described_;
-      return sendDetailsOption(output);
+      replyCount_ = 0;
+      return askForDetails(output);
     case Option::go:
       // A server with extended headers knows GO, and EXPORT_NAME would not be allowed any more.
       if (replyType_ == ReplyType::unsupported && agreement_.headers != HeaderStyle::extended) {
@@ -291,9 +296,15 @@ void ClientHandshake::refused(Bytes data, Output& output) {
   state_ = State::failed;
 }
 
-void ClientHandshake::sendDetailsOption(Output& output) {
+/// About the first export alone, since a server may not know the question, then about as many at once as may
+/// be. The next group follows when the last is answered.
+void ClientHandshake::askForDetails(Output& output) {
+  if (described_ < asked_) return;
   if (described_ == exports_.size()) return leave(output);
-  sendExportOption(output, Option::info, exports_[described_].name);
+  const std::size_t before = output.size();
+  do {
+    sendExportOption(output, Option::info, exports_[asked_++].name);
+  } while (described_ > 0 && asked_ < exports_.size() && output.size() - before < maxQuestionsAtOnce);
 }
 
 void ClientHandshake::startNegotiating(Output& output) {

@@ -123,7 +123,7 @@ class ClientHandshake {
   void sendOption(Output& output, Option option, Bytes data);
   void sendExportOption(Output& output, Option option, std::string_view name);
   void sendMetaContextOption(Output& output);
-  void sendDetailsOption(Output& output);
+  void askForDetails(Output& output);
   void leave(Output& output);
   void fail(std::string_view message);
 
@@ -140,7 +140,8 @@ class ClientHandshake {
   std::uint32_t replyLength_ = 0;  // bytes of data
   std::uint32_t replyCount_ = 0;
   std::uint64_t received_ = 0;
-  std::size_t described_ = 0;   // exports whose details were asked for
+  std::size_t asked_ = 0;       // exports whose details were asked for
+  std::size_t described_ = 0;   // of these, those whose answer is complete
   Extension::Header question_;  // of the extension, whose answer is awaited
   Output partial_;              // the start of a stage whose end has not arrived
 };

@@ -71,6 +71,11 @@ inline constexpr std::uint32_t maxOptionReplyLength = 16 * 1024;
 // Replies before the final one: a listing ten times the size of the largest that we test.
 inline constexpr std::uint32_t maxRepliesPerOption = 100 * 1000;
 
+// Bytes of questions about exports that are sent before their answers are read; the one that reaches this is
+// the last. The send buffer of a new connection holds as much with the longest name on top, and so does the
+// other side's: we never wait for a server to read which waits for us to read. It holds 300 short names.
+inline constexpr std::size_t maxQuestionsAtOnce = std::size_t{12} * 1024;
+
 // All bytes of one server's handshake together: 100,000 exports with names and descriptions of 300 bytes.
 inline constexpr std::uint64_t maxServerHandshakeBytes = std::uint64_t{32} * 1024 * 1024;
 

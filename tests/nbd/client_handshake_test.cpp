@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <numeric>
 #include <string>
 #include <vector>
 
@@ -224,7 +225,7 @@ TEST(ClientListing, HoldsNamesAndDescriptions) {
   EXPECT_EQ(exports[1].name, "");
 }
 
-TEST(ClientListing, DetailsAreAskedForOneByOne) {
+TEST(ClientListing, DetailsAreAskedForBehindTheFirstInOneGo) {
   const Conversation conversation(
       {.goal = Goal::details},
       join({greeting(), reply(Option::list, ReplyType::server, counted("a")),
@@ -240,6 +241,62 @@ TEST(ClientListing, DetailsAreAskedForOneByOne) {
   EXPECT_EQ(exports[1].size, std::nullopt);
   EXPECT_EQ(exports[2].size, 1024U);
   EXPECT_EQ(exports[2].transmissionFlags, 3);
+}
+
+void append(Buffer& words, const Buffer& more) { words.insert(words.end(), more.begin(), more.end()); }
+
+/// How many questions a server hears at once, group by group, that answers all of them before it listens
+/// again.
+std::vector<std::size_t> questionsAtOnce(std::size_t exports, const std::string& name) {
+  Buffer listing = greeting();
+  Buffer answers;
+  for (std::size_t index = 0; index < exports; ++index) {
+    append(listing, reply(Option::list, ReplyType::server, counted(name)));
+    append(answers, reply(Option::info, ReplyType::info, exportInfo(512, 1)));
+    append(answers, reply(Option::info, ReplyType::ack));
+  }
+  append(listing, reply(Option::list, ReplyType::ack));
+  const std::size_t answerSize = answers.size() / exports;
+  const std::size_t questionSize =
+      option(Option::info, infoData(name, {InfoType::name, InfoType::description, InfoType::blockSize}))
+          .size();
+  ClientHandshake handshake({.goal = Goal::details});
+  Buffer output;
+  auto progress = handshake.advance(listing, output);
+  output.erase(output.begin(), output.begin() + 4 + std::ssize(option(Option::list)));
+  std::vector<std::size_t> groups;
+  while (progress.state == State::negotiating && !output.empty()) {
+    EXPECT_EQ(output.size() % questionSize, 0U);
+    groups.push_back(output.size() / questionSize);
+    output.clear();
+    progress = handshake.advance(Nbd::Bytes(answers).first(groups.back() * answerSize), output);
+  }
+  EXPECT_EQ(progress.state, State::finished);
+  EXPECT_EQ(handshake.exports().back().size, 512U);
+  return groups;
+}
+
+TEST(ClientListing, FiveThousandExportsTakeFewRoundTrips) {
+  const std::vector<std::size_t> groups = questionsAtOnce(5000, "disk-0001");
+  EXPECT_EQ(groups.front(), 1U) << "whether the server knows the question is not known before";
+  EXPECT_EQ(std::accumulate(groups.begin(), groups.end(), std::size_t{0}), 5000U);
+  EXPECT_LE(groups.size(), 20U);
+}
+
+TEST(ClientListing, QuestionsWithLongNamesAreFewAtOnce) {
+  for (const std::size_t group : questionsAtOnce(20, std::string(Nbd::maxStringLength, 'x'))) {
+    EXPECT_LE(group, 3U);
+  }
+}
+
+TEST(ClientListing, AServerWithoutTheQuestionIsAskedOnce) {
+  const Conversation conversation(
+      {.goal = Goal::details},
+      join({greeting(), reply(Option::list, ReplyType::server, counted("a")),
+            reply(Option::list, ReplyType::server, counted("b")), reply(Option::list, ReplyType::ack),
+            reply(Option::info, ReplyType::unsupported)}));
+  EXPECT_EQ(conversation.outcome.state, State::finished);
+  EXPECT_EQ(conversation.handshake.exports().size(), 2U);
 }
 
 TEST(ClientListing, MayBeRefused) {

@@ -8,6 +8,7 @@ import threading
 import unittest
 
 from support import images, processes, remotes
+from support.far import FarLink
 from support.scripted import ACK, EXTENSION, UNSUPPORTED, Peer, hello, message, options, reply
 from support.service import Service
 from support.varlink import Failed
@@ -95,6 +96,18 @@ class Servers(unittest.TestCase):
         names = [each["name"] for each in listed["exports"]]
         self.assertEqual(names, sorted(path.name for path in remote.images.iterdir()))
         self.assertEqual(len({each["uuid"] for each in listed["exports"]}), 1500)
+
+    def test_thousands_of_exports_of_a_far_stock_server(self):
+        """Asked one by one they would take a hundred seconds, far more than anybody waits."""
+        directory = self.service.images / "many"
+        directory.mkdir()
+        for index in range(5000):
+            with open(directory / f"disk-{index:05}", "wb") as image:
+                image.truncate(512 * (1 + index % 7))
+        remote = remotes.NbdkitDirectory(self, directory).start()
+        far = FarLink(self, remote.port, round_trip=0.02)
+        listed = {each["name"]: each["size"] for each in fetch(self.service, far.port)["exports"]}
+        self.assertEqual(listed, {path.name: path.stat().st_size for path in directory.iterdir()})
 
     def test_stock_clients_meet_a_server_as_before(self):
         remote = remotes.Nbdd(self, self.image).start()

@@ -64,6 +64,13 @@ class Nbdkit(Remote):
         return [*words, *(["-r"] if self.read_only else []), "file", self.image]
 
 
+class NbdkitDirectory(Remote):
+    """Serves every file of a directory."""
+
+    def command(self):
+        return [processes.tool("nbdkit"), "-f", "-i", "127.0.0.1", "-p", self.port, "file", f"dir={self.image}"]
+
+
 class QemuNbd(Remote):
     def command(self):
         words = [processes.tool("qemu-nbd"), "-t", "-e", "8", "-f", "raw", "-b", "127.0.0.1", "-p", self.port]
