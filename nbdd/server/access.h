@@ -35,4 +35,15 @@ struct Access {
   }
 };
 
+/// A client as the allow lists know it. May be copied and asked on any thread.
+struct Visitor {
+  std::shared_ptr<const Access> access;  // never null
+  std::optional<HostAddress> address;    // nothing if it is unknown
+
+  /// Whether it may use the export, and learns of it.
+  bool sees(std::string_view exportName) const { return access->admits(address, exportName); }
+  /// Whether it sees all exports, whatever their names.
+  bool seesAll() const { return access->exports.empty(); }
+};
+
 }  // namespace Nbdd

@@ -27,6 +27,15 @@ ExportEntry entryOf(const Publication& publication) {
           .name = publication.name};
 }
 
+/// The exports that the client may know of.
+ExtensionService::Publications seenBy(const Visitor& visitor, const ExportTable& table) {
+  ExtensionService::Publications publications = table.publications();
+  if (!visitor.seesAll()) {
+    std::erase_if(publications, [&](const auto& each) { return !visitor.sees(each->name); });
+  }
+  return publications;
+}
+
 std::unique_ptr<Answer> answeredWith(const ExtensionService::Publications& publications) {
   auto entries = std::make_shared<std::vector<ExportEntry>>();
   entries->reserve(publications.size());
@@ -118,11 +127,12 @@ class Conversation::Told final : public Answer {
 };
 
 Conversation::Conversation(const ExtensionService& service, const ExportTable& table,
-                           Reservations::Client client, std::function<void()> wake)
+                           Reservations::Client client, Visitor visitor, std::function<void()> wake)
     : service_(service),
       table_(table),
       ear_(std::make_shared<Ear>(std::move(wake))),
-      client_(std::move(client)) {}
+      client_(std::move(client)),
+      visitor_(std::move(visitor)) {}
 
 Conversation::~Conversation() {
   ear_->close();
@@ -176,15 +186,15 @@ std::unique_ptr<Answer> Conversation::properties() {
 }
 
 std::unique_ptr<Answer> Conversation::exports() {
-  return search([&table = table_] { return answeredWith(table.publications()); });
+  return search([&table = table_, visitor = visitor_] { return answeredWith(seenBy(visitor, table)); });
 }
 
 std::unique_ptr<Answer> Conversation::evaluate(Nbd::Bytes body) {
   if (!service_.evaluate)
     return refused({.type = ReplyType::unsupported, .text = "this server evaluates no expressions"});
-  return search([&service = service_, &table = table_,
+  return search([&service = service_, &table = table_, visitor = visitor_,
                  expression = std::vector(body.begin(), body.end())]() -> std::unique_ptr<Answer> {
-    const auto found = service.evaluate(expression, table.publications());
+    const auto found = service.evaluate(expression, seenBy(visitor, table));
     return found ? answeredWith(*found) : refused(found.error());
   });
 }

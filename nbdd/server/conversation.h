@@ -13,6 +13,7 @@
 #include "nbdd/exports/publication.h"
 #include "nbdd/io/thread_pool.h"
 #include "nbdd/reservations/desk.h"
+#include "nbdd/server/access.h"
 #include "nbdd/server/export_table.h"
 
 namespace Nbdd {
@@ -45,10 +46,10 @@ struct ExtensionService {
 /// agreed on. One worker's thread.
 class Conversation final : public Nbd::Extension::Handler {
  public:
-  /// `wake` is called, on any thread but never after this has been destroyed, when an answer that was waited
-  /// for has come. All else outlives this.
+  /// `visitor` is the client too, as the allow lists know it. `wake` is called, on any thread but never after
+  /// this has been destroyed, when an answer that was waited for has come. All else outlives this.
   Conversation(const ExtensionService& service, const ExportTable& table, Reservations::Client client,
-               std::function<void()> wake);
+               Visitor visitor, std::function<void()> wake);
   ~Conversation() override;
   Conversation(const Conversation&) = delete;
   Conversation& operator=(const Conversation&) = delete;
@@ -86,6 +87,7 @@ class Conversation final : public Nbd::Extension::Handler {
   const std::shared_ptr<Ear> ear_;
   std::optional<Nbd::Extension::Compression> compression_;
   const Reservations::Client client_;
+  const Visitor visitor_;
   bool askedDesk_ = false;
   std::optional<Reservations::LeaseId> lease_;
 };

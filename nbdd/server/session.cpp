@@ -1,7 +1,9 @@
 #include "nbdd/server/session.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <expected>
+#include <iterator>
 #include <utility>
 
 #include "nbdd/limits.h"
@@ -14,19 +16,15 @@ namespace Nbdd {
 
 namespace {
 
-/// The exports as one client sees them: those that it may not use are refused.
+/// The exports as one client sees them: those that it may not use are not listed, and refused.
 class ClientDirectory final : public Nbd::ExportDirectory {
  public:
-  ClientDirectory(const Nbd::ExportDirectory& all, std::shared_ptr<const Access> access,
-                  const Control::Endpoint& client)
-      : all_(all),
-        access_(std::move(access)),
-        client_(client),
-        address_(HostAddress::parse(client.address)) {}
+  ClientDirectory(const Nbd::ExportDirectory& all, Visitor visitor, const Control::Endpoint& client)
+      : all_(all), visitor_(std::move(visitor)), client_(client) {}
 
   std::optional<Nbd::ExportView> find(std::string_view name) const override {
     std::optional<Nbd::ExportView> view = all_.find(name);
-    if (view && !access_->admits(address_, view->name)) {
+    if (view && !visitor_.sees(view->name)) {
       log(LogLevel::warning, "client-not-allowed",
           "refused the export \"{}\" to client {} port {}: its network is not allowed", escaped(view->name),
           client_.address, client_.port);
@@ -35,13 +33,19 @@ class ClientDirectory final : public Nbd::ExportDirectory {
     return view;
   }
 
-  std::shared_ptr<const std::vector<Nbd::ListedExport>> list() const override { return all_.list(); }
+  std::shared_ptr<const std::vector<Nbd::ListedExport>> list() const override {
+    if (visitor_.seesAll()) return all_.list();
+    const auto all = all_.list();
+    auto seen = std::make_shared<std::vector<Nbd::ListedExport>>();
+    std::ranges::copy_if(*all, std::back_inserter(*seen),
+                         [this](const Nbd::ListedExport& each) { return visitor_.sees(each.name); });
+    return seen;
+  }
 
  private:
   const Nbd::ExportDirectory& all_;
-  const std::shared_ptr<const Access> access_;
+  const Visitor visitor_;
   const Control::Endpoint& client_;
-  const std::optional<HostAddress> address_;
 };
 
 }  // namespace
@@ -96,7 +100,7 @@ Io::Task<void> Session::linger() {
   }
 }
 
-std::unique_ptr<Conversation> Session::beginConversation() {
+std::unique_ptr<Conversation> Session::beginConversation(Visitor visitor) {
   const ExtensionService* const extension = worker_.events().extension;
   if (extension == nullptr) {
     return nullptr;
@@ -105,16 +109,17 @@ std::unique_ptr<Conversation> Session::beginConversation() {
   if (const std::vector<std::byte> binding = stream_.channelBinding(); !binding.empty()) {
     client.binding.emplace(reinterpret_cast<const char*>(binding.data()), binding.size());
   }
-  return std::make_unique<Conversation>(*extension, worker_.table(), std::move(client),
+  return std::make_unique<Conversation>(*extension, worker_.table(), std::move(client), std::move(visitor),
                                         [worker = &worker_, id = id_] { worker->wakeSession(id); });
 }
 
 Io::Task<std::optional<Session::Agreement>> Session::negotiate() {
   using State = Nbd::ServerHandshake::State;
   const std::shared_ptr<const Access> access = worker_.table().access();
-  const ClientDirectory allowed(worker_.table(), access, peer_);
+  const Visitor visitor{.access = access, .address = HostAddress::parse(peer_.address)};
+  const ClientDirectory allowed(worker_.table(), visitor, peer_);
   const AdmittedDirectory directory(allowed, worker_.table(), conversation_);
-  conversation_ = beginConversation();
+  conversation_ = beginConversation(visitor);
   Nbd::ServerHandshake handshake(directory, {.tls = access->tls}, conversation_.get());
   std::vector<std::byte> output;
   handshake.greet(output);
@@ -138,7 +143,7 @@ Io::Task<std::optional<Session::Agreement>> Session::negotiate() {
         co_return std::nullopt;
       }
       // What the client asked for in the clear is forgotten.
-      std::unique_ptr<Conversation> anew = beginConversation();
+      std::unique_ptr<Conversation> anew = beginConversation(visitor);
       handshake.secured(anew.get());
       conversation_ = std::move(anew);
       received_.clear();

@@ -14,6 +14,7 @@
 #include "nbdd/io/signal.h"
 #include "nbdd/io/stream.h"
 #include "nbdd/io/task.h"
+#include "nbdd/server/access.h"
 #include "nbdd/server/conversation.h"
 #include "nbdd/server/export_table.h"
 #include "nbdd/server/sender.h"
@@ -47,7 +48,7 @@ class Session {
  private:
   using Agreement = Nbd::ServerHandshake::Agreement;
 
-  std::unique_ptr<Conversation> beginConversation();
+  std::unique_ptr<Conversation> beginConversation(Visitor visitor);
   Io::Task<std::optional<Agreement>> negotiate();
   Io::Task<bool> secure(std::shared_ptr<const Access> access, std::vector<std::byte>& acknowledgement);
   Io::Task<bool> sendAll(std::vector<std::byte>& output);

@@ -1,5 +1,6 @@
 """Allow lists: who is turned away at the door, and who at an export."""
 
+import json
 import signal
 import unittest
 
@@ -33,7 +34,7 @@ class AllowLists(unittest.TestCase):
     def test_an_export_may_have_a_list_of_its_own(self):
         self.serve('[exports."disk.img"]\nallow = ["::1"]\n')
         with tls.Client(self.service.port) as client:
-            self.assertEqual(client.ask(tls.LIST), [tls.SERVER, tls.SERVER, tls.ACK])
+            self.assertEqual(client.ask(tls.LIST), [tls.SERVER, tls.ACK])
             for code in (tls.INFO, tls.GO):
                 self.assertEqual(client.ask(code, tls.go_data(self.name)), [tls.POLICY])
             self.assertEqual(client.ask(tls.GO, tls.go_data(self.other))[-1], tls.ACK)
@@ -47,6 +48,22 @@ class AllowLists(unittest.TestCase):
         )
         self.assertNotEqual(stock.status, 0)
         self.assertIn("policy", stock.err)
+
+    def test_an_export_is_shown_only_where_it_may_be_used(self):
+        self.serve('[exports."disk.img"]\nallow = ["::1"]\n')
+        other = Service(self).start()
+        expected = {"127.0.0.1": [self.other], "::1": [self.name, self.other]}
+        for address, names in expected.items():
+            with self.subTest(address=address), other.control() as control:
+                uri = self.service.uri("", 6 if ":" in address else 4)
+                listed = json.loads(processes.run([processes.tool("nbdinfo"), "--list", "--json", uri]).out)
+                self.assertEqual([each["export-name"] for each in listed["exports"]], names)
+                endpoint = {"address": address, "port": self.service.port}
+                told = control.FetchRemoteExports(endpoint=endpoint)["list"]
+                self.assertTrue(told["isTalvekServer"])
+                self.assertEqual([each["name"] for each in told["exports"]], names)
+                found = control.FetchRemoteExports(endpoint=endpoint, expression="true")["list"]
+                self.assertEqual([each["name"] for each in found["exports"]], names)
 
     def test_a_new_list_holds_for_new_clients(self):
         self.serve("")
