@@ -194,7 +194,7 @@ Io::Task<DialResult> Dialler::negotiate(Dialled dialled, ClientHandshake::Wish w
     Io::Task<bool> sending = sendAll(output);
     const bool sent = co_await sending;
     if (progress.state == ClientHandshake::State::failed) {
-      co_return failure(codeOf(handshake.failure()), escaped(handshake.failure().message));
+      co_return refused(handshake.failure());
     }
     if (progress.state == ClientHandshake::State::transmission ||
         progress.state == ClientHandshake::State::finished) {
@@ -207,6 +207,7 @@ Io::Task<DialResult> Dialler::negotiate(Dialled dialled, ClientHandshake::Wish w
       auto secured = co_await securing;
       if (!secured) co_return std::unexpected(std::move(secured.error()));
       handshake.secured(output);
+      unheard_ = true;
       continue;  // nothing was received yet; what is to be sent is sent
     }
     bool going = sent;
@@ -215,8 +216,25 @@ Io::Task<DialResult> Dialler::negotiate(Dialled dialled, ClientHandshake::Wish w
       going = co_await receiving;
     }
     if (verdict_ != Verdict::goOn) co_return interrupted("the server says nothing");
-    if (!going) co_return failure(FailureCode::connectionFailed, "the server closed the connection");
+    if (!going) co_return closed();
+    unheard_ = false;
   }
+}
+
+std::unexpected<Failure> Dialler::refused(const ClientHandshake::Failure& why) const {
+  const FailureCode code = codeOf(why);
+  // What the server says about it, if anything, does not say what to do here.
+  return failure(code, code == FailureCode::remoteDemandsTls
+                           ? "the server demands TLS, and the configuration has none for imports"
+                           : escaped(why.message));
+}
+
+// By TLS 1.3 a client hears that it is not accepted only when it has long been done with its part.
+std::unexpected<Failure> Dialler::closed() const {
+  if (!unheard_) return failure(FailureCode::connectionFailed, "the server closed the connection");
+  return failure(
+      FailureCode::tlsFailed,
+      "the server ended the connection when TLS was made: it may not accept the certificate or key");
 }
 
 Io::Task<std::expected<void, Failure>> Dialler::secure() {

@@ -78,6 +78,8 @@ class Dialler {
   void end(Verdict verdict);
   std::unexpected<Control::Failure> failure(Control::FailureCode code, std::string_view what) const;
   std::unexpected<Control::Failure> interrupted(std::string_view what) const;
+  std::unexpected<Control::Failure> refused(const Nbd::ClientHandshake::Failure& why) const;
+  std::unexpected<Control::Failure> closed() const;
 
   Io::EventLoop& loop_;
   const Place place_;
@@ -89,6 +91,7 @@ class Dialler {
   bool addressTimeUp_ = false;
   Verdict verdict_ = Verdict::goOn;
   Io::Stream* stream_ = nullptr;  // during the handshake
+  bool unheard_ = false;          // TLS is made, and the server has said nothing since
 };
 
 }  // namespace Nbdd::Remote

@@ -486,6 +486,16 @@ class Imports(unittest.TestCase):
         self.start(f'mode = "required"\ndirectory = "{self.client}"\n')
         self.expect_content(self.enable(remote))
 
+    def test_a_server_that_does_not_take_our_certificate(self):
+        remote = remotes.Nbdd(self, self.image)
+        configuration = remote.service.configuration
+        configuration.write_text(
+            f'{configuration.read_text()}[tls]\nmode = "required"\ndirectory = "{self.files}"\nclients = ["bob"]\n'
+        )
+        remote.start()
+        self.start(f'mode = "required"\ndirectory = "{self.client}"\n')
+        self.assertIn("may not accept", self.expect_failure(remote, TLS_FAILED))
+
     def test_a_server_without_tls(self):
         self.start(f'mode = "required"\ndirectory = "{self.client}"\n')
         self.expect_failure(self.nbdkit(), REMOTE_WITHOUT_TLS)
@@ -496,7 +506,7 @@ class Imports(unittest.TestCase):
 
     def test_a_server_that_demands_tls(self):
         self.start('mode = "off"\n')
-        self.expect_failure(self.nbdkit_x509(), REMOTE_DEMANDS_TLS)
+        self.assertIn("demands TLS", self.expect_failure(self.nbdkit_x509(), REMOTE_DEMANDS_TLS))
 
     def test_an_expired_certificate(self):
         expired = self.authority.issue(self.service.root / "expired", "server", "expired", expired=True)
