@@ -220,6 +220,10 @@ inline constexpr unsigned fileRequests = 256;
 /// than its usual 128 KiB.
 inline constexpr unsigned fileReadAhead = 4U << 20;
 
+/// How often a file that has requests under way looks whether the programs that wait are being killed: a
+/// person who has killed one waits for its end.
+inline constexpr std::chrono::seconds killedProgramsLook{1};
+
 /// The pause after a connection could not be accepted for want of something.
 inline constexpr std::chrono::milliseconds acceptRetry{100};
 

@@ -8,7 +8,7 @@ namespace Nbdd {
 /// A request that the import's device carries out instead: it is answered on its own loop all the same.
 class FileLane::Passed final : public Remote::Request {
  public:
-  Passed(Io::EventLoop& loop, Remote::Request& original) : loop_(loop), original_(original) {
+  Passed(FileLane& lane, Remote::Request& original) : lane_(lane), original_(original) {
     command = original.command;
     flags = original.flags;
     offset = original.offset;
@@ -18,22 +18,14 @@ class FileLane::Passed final : public Remote::Request {
     extents = original.extents;
   }
 
-  /// On the thread of the import's loop.
-  static void submit(std::unique_ptr<Passed> request, Remote::Device& device) {
-    Passed& subject = *request;
-    subject.self_ = std::move(request);
-    device.submit(subject);
-  }
-
   void done(Nbd::Error error) override {
-    const std::unique_ptr<Passed> self = std::move(self_);
-    loop_.post([&original = original_, error] { original.done(error); });
+    lane_.loop_.post([&original = original_, error] { original.done(error); });
+    const auto self = lane_.passed_.extract(&original_);  // and so to its end
   }
 
  private:
-  Io::EventLoop& loop_;
+  FileLane& lane_;
   Remote::Request& original_;
-  std::unique_ptr<Passed> self_;  // until it is answered
 };
 
 FileLane::FileLane(Io::EventLoop& home, Remote::Device& homeDevice, FuseMount& mount, FileUsers& users,
@@ -46,7 +38,8 @@ FileLane::FileLane(Io::EventLoop& home, Remote::Device& homeDevice, FuseMount& m
                .waiting = [this](const Control::Failure& /*why*/) { worker_.stop(); },
                // The import's device will find out by itself.
                .failed = [this](const Control::Failure& /*why*/) { worker_.stop(); },
-               .takeOver = [this](Remote::Request& request) { pass(request); }}),
+               .takeOver = [this](Remote::Request& request) { pass(request); },
+               .withdraw = [this](const Remote::Request& request) { withdraw(request); }}),
       worker_(loop_, device_, mount, users) {
   loop_.post([this] { device_.start(); });
   thread_ = std::thread([this] { loop_.run(); });
@@ -65,8 +58,17 @@ void FileLane::end() {
 // --- The lane's thread
 
 void FileLane::pass(Remote::Request& request) {
-  home_.post([passed = std::make_unique<Passed>(loop_, request), &device = homeDevice_]() mutable {
-    Passed::submit(std::move(passed), device);
+  home_.post([this, &request] {
+    const auto [place, isNew] = passed_.emplace(&request, std::make_unique<Passed>(*this, request));
+    homeDevice_.submit(*place->second);
+  });
+}
+
+/// By now the request may be answered at home, and no more be there.
+void FileLane::withdraw(const Remote::Request& request) {
+  home_.post([this, original = &request] {
+    const auto found = passed_.find(original);
+    if (found != passed_.end()) homeDevice_.withdraw(*found->second);
   });
 }
 

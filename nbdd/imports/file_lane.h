@@ -1,6 +1,8 @@
 #pragma once
 
 #include <functional>
+#include <map>
+#include <memory>
 #include <thread>
 
 #include "nbdd/imports/file_worker.h"
@@ -38,11 +40,13 @@ class FileLane {
   class Passed;
 
   void pass(Remote::Request& request);
+  void withdraw(const Remote::Request& request);
   Io::Task<void> endAll();
 
   Io::EventLoop& home_;
   Remote::Device& homeDevice_;
   const std::function<void()> ended_;
+  std::map<const Remote::Request*, std::unique_ptr<Passed>> passed_;  // by the original
 
   // The lane's thread:
   Io::EventLoop loop_;

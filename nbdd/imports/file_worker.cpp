@@ -156,7 +156,12 @@ const fuse_lowlevel_ops& FileWorker::operations() {
 // --- Receiving
 
 FileWorker::FileWorker(Io::EventLoop& loop, Remote::Device& device, FuseMount& mount, FileUsers& users)
-    : loop_(loop), device_(device), mount_(mount), users_(users), size_(device.limits().size) {}
+    : loop_(loop),
+      device_(device),
+      mount_(mount),
+      users_(users),
+      size_(device.limits().size),
+      requests_(loop, device, mount) {}
 
 void FileWorker::start() {
   if (std::exchange(watching_, true)) return;
@@ -229,11 +234,12 @@ void FileWorker::released(fuse_req_t request) {
 
 // --- Requests
 
-Io::Task<void> FileWorker::read(fuse_req_t request, std::size_t length, std::uint64_t offset) {
+Io::Task<void> FileWorker::read(fuse_req_t incoming, std::size_t length, std::uint64_t offset) {
+  FileRequest request(requests_, incoming, FileRequest::Kind::harmless);
   const std::uint64_t block = device_.limits().minimumBlock;
   const std::uint64_t end = std::min(offset + length, size_);
   if (offset >= end) {
-    mount_.replyData(request, {});
+    request.replyData({});
     co_return;
   }
   // The blocks around what is asked for. A last block that the size cuts off cannot be read whole.
@@ -242,57 +248,60 @@ Io::Task<void> FileWorker::read(fuse_req_t request, std::size_t length, std::uin
   Io::Buffer buffer = buffers_.take(std::max(last, end) - first);
   const std::uint64_t most = device_.limits().maximumPayload / block * block;
   for (std::uint64_t at = first; at < last; at += most) {
-    Remote::Asking asking(device_, Nbd::Command::read, at, std::min(most, last - at));
+    FileRequest::Question asking(request, Nbd::Command::read, at, std::min(most, last - at));
     asking.destination = buffer.bytes().subspan(at - first, asking.length);
     const Nbd::Error error = co_await asking;
     if (error != Nbd::Error::none) {
-      mount_.replyError(request, errnoOf(error));
+      request.replyError(errnoOf(error));
       co_return;
     }
   }
   if (last < end) {
-    mount_.replyError(request, EIO);
+    request.replyError(EIO);
     co_return;
   }
-  mount_.replyData(request, buffer.bytes().subspan(offset - first, end - offset));
+  request.replyData(buffer.bytes().subspan(offset - first, end - offset));
 }
 
-Io::Task<void> FileWorker::write(fuse_req_t request, Io::Buffer data, std::uint64_t offset) {
+Io::Task<void> FileWorker::write(fuse_req_t incoming, Io::Buffer data, std::uint64_t offset) {
+  FileRequest request(requests_, incoming, FileRequest::Kind::changing);
   Io::Task<void> entering = enterShared();
   co_await entering;
   Nbd::Error error = Nbd::Error::none;
   const std::uint64_t block = device_.limits().minimumBlock;
   const std::uint64_t most = device_.limits().maximumPayload / block * block;
   for (std::uint64_t done = 0; done < data.size() && error == Nbd::Error::none; done += most) {
-    Remote::Asking asking(device_, Nbd::Command::write, offset + done,
-                          std::min<std::uint64_t>(most, data.size() - done));
+    FileRequest::Question asking(request, Nbd::Command::write, offset + done,
+                                 std::min<std::uint64_t>(most, data.size() - done));
     asking.payload = data.bytes().subspan(done, asking.length);
     error = co_await asking;
   }
   leave();
   if (error != Nbd::Error::none) {
-    mount_.replyError(request, errnoOf(error));
+    request.replyError(errnoOf(error));
   } else {
-    mount_.replyWritten(request, data.size());
+    request.replyWritten(data.size());
   }
 }
 
 /// A write that does not fit the server's blocks: reads the blocks around it, and writes them with the new
 /// bytes. It is alone while it does so; otherwise it might undo another write to the same block.
-Io::Task<void> FileWorker::writeAround(fuse_req_t request, Io::Buffer data, std::uint64_t offset) {
+Io::Task<void> FileWorker::writeAround(fuse_req_t incoming, Io::Buffer data, std::uint64_t offset) {
+  FileRequest request(requests_, incoming, FileRequest::Kind::changing);
   Io::Task<void> entering = enterAlone();
   co_await entering;
-  Io::Task<Nbd::Error> replacing = replaceBytes(offset, data.bytes());
+  Io::Task<Nbd::Error> replacing = replaceBytes(request, offset, data.bytes());
   const Nbd::Error error = co_await replacing;
   leave();
   if (error != Nbd::Error::none) {
-    mount_.replyError(request, errnoOf(error));
+    request.replyError(errnoOf(error));
   } else {
-    mount_.replyWritten(request, data.size());
+    request.replyWritten(data.size());
   }
 }
 
-Io::Task<Nbd::Error> FileWorker::replaceBytes(std::uint64_t offset, std::span<const std::byte> data) {
+Io::Task<Nbd::Error> FileWorker::replaceBytes(FileRequest& request, std::uint64_t offset,
+                                              std::span<const std::byte> data) {
   const std::uint64_t block = device_.limits().minimumBlock;
   const std::uint64_t most = std::max<std::uint64_t>(device_.limits().maximumPayload / block * block, block);
   while (!data.empty()) {
@@ -300,12 +309,12 @@ Io::Task<Nbd::Error> FileWorker::replaceBytes(std::uint64_t offset, std::span<co
     const std::uint64_t part = std::min<std::uint64_t>(data.size(), first + most - offset);
     const std::uint64_t last = (offset + part + block - 1) / block * block;
     Io::Buffer blocks = buffers_.take(last - first);
-    Remote::Asking reading(device_, Nbd::Command::read, first, last - first);
+    FileRequest::Question reading(request, Nbd::Command::read, first, last - first);
     reading.destination = blocks.bytes();
     Nbd::Error error = co_await reading;
     if (error != Nbd::Error::none) co_return error;
     std::ranges::copy(data.first(part), blocks.bytes().begin() + static_cast<std::ptrdiff_t>(offset - first));
-    Remote::Asking writing(device_, Nbd::Command::write, first, last - first);
+    FileRequest::Question writing(request, Nbd::Command::write, first, last - first);
     writing.payload = blocks.bytes();
     error = co_await writing;
     if (error != Nbd::Error::none) co_return error;
@@ -315,20 +324,22 @@ Io::Task<Nbd::Error> FileWorker::replaceBytes(std::uint64_t offset, std::span<co
   co_return Nbd::Error::none;
 }
 
-Io::Task<void> FileWorker::sync(fuse_req_t request) {
+Io::Task<void> FileWorker::sync(fuse_req_t incoming) {
+  FileRequest request(requests_, incoming, FileRequest::Kind::harmless);
   Nbd::Error error = Nbd::Error::none;
   // A server that has nothing to flush does not offer it.
   if ((device_.limits().transmissionFlags & Nbd::TransmissionFlag::sendFlush) != 0) {
-    Remote::Asking asking(device_, Nbd::Command::flush);
+    FileRequest::Question asking(request, Nbd::Command::flush);
     error = co_await asking;
   }
-  mount_.replyError(request, errnoOf(error));
+  request.replyError(errnoOf(error));
 }
 
-Io::Task<void> FileWorker::zero(fuse_req_t request, std::uint64_t offset, std::uint64_t length,
+Io::Task<void> FileWorker::zero(fuse_req_t incoming, std::uint64_t offset, std::uint64_t length,
                                 bool keepAllocated) {
+  FileRequest request(requests_, incoming, FileRequest::Kind::changing);
   if ((device_.limits().transmissionFlags & Nbd::TransmissionFlag::sendWriteZeroes) == 0) {
-    mount_.replyError(request, EOPNOTSUPP);
+    request.replyError(EOPNOTSUPP);
     co_return;
   }
   const std::uint16_t flags = keepAllocated ? Nbd::CommandFlag::noHole : std::uint16_t{0};
@@ -340,24 +351,25 @@ Io::Task<void> FileWorker::zero(fuse_req_t request, std::uint64_t offset, std::u
   const std::uint64_t first = std::min((offset + block - 1) / block * block, end);
   const std::uint64_t last = std::max(end / block * block, first);
   const std::vector<std::byte> zeroes(block);
-  Io::Task<Nbd::Error> head = replaceBytes(offset, std::span(zeroes).first(first - offset));
+  Io::Task<Nbd::Error> head = replaceBytes(request, offset, std::span(zeroes).first(first - offset));
   Nbd::Error error = co_await head;
   if (error == Nbd::Error::none) {
-    Io::Task<Nbd::Error> middle = zeroBlocks(first, last - first, flags);
+    Io::Task<Nbd::Error> middle = zeroBlocks(request, first, last - first, flags);
     error = co_await middle;
   }
   if (error == Nbd::Error::none) {
-    Io::Task<Nbd::Error> tail = replaceBytes(last, std::span(zeroes).first(end - last));
+    Io::Task<Nbd::Error> tail = replaceBytes(request, last, std::span(zeroes).first(end - last));
     error = co_await tail;
   }
   leave();
-  mount_.replyError(request, errnoOf(error));
+  request.replyError(errnoOf(error));
 }
 
-Io::Task<Nbd::Error> FileWorker::zeroBlocks(std::uint64_t offset, std::uint64_t length, std::uint16_t flags) {
+Io::Task<Nbd::Error> FileWorker::zeroBlocks(FileRequest& request, std::uint64_t offset, std::uint64_t length,
+                                            std::uint16_t flags) {
   const std::uint64_t most = Remote::Device::maximumLength(device_.limits());
   while (length > 0) {
-    Remote::Asking asking(device_, Nbd::Command::writeZeroes, offset, std::min(most, length));
+    FileRequest::Question asking(request, Nbd::Command::writeZeroes, offset, std::min(most, length));
     asking.flags = flags;
     const Nbd::Error error = co_await asking;
     if (error != Nbd::Error::none) co_return error;
@@ -367,17 +379,18 @@ Io::Task<Nbd::Error> FileWorker::zeroBlocks(std::uint64_t offset, std::uint64_t 
   co_return Nbd::Error::none;
 }
 
-Io::Task<void> FileWorker::seek(fuse_req_t request, std::uint64_t offset, bool forHole) {
+Io::Task<void> FileWorker::seek(fuse_req_t incoming, std::uint64_t offset, bool forHole) {
+  FileRequest request(requests_, incoming, FileRequest::Kind::harmless);
   const std::uint64_t block = device_.limits().minimumBlock;
   std::uint64_t at = offset / block * block;
   while (device_.limits().blockStatus && at < size_) {
     std::vector<Nbd::Extent> extents;
-    Remote::Asking asking(device_, Nbd::Command::blockStatus, at,
-                          std::min(size_ - at, Remote::Device::maximumLength(device_.limits())));
+    FileRequest::Question asking(request, Nbd::Command::blockStatus, at,
+                                 std::min(size_ - at, Remote::Device::maximumLength(device_.limits())));
     asking.extents = &extents;
     const Nbd::Error error = co_await asking;
     if (error != Nbd::Error::none) {
-      mount_.replyError(request, errnoOf(error));
+      request.replyError(errnoOf(error));
       co_return;
     }
     for (const Nbd::Extent& extent : extents) {
@@ -385,7 +398,7 @@ Io::Task<void> FileWorker::seek(fuse_req_t request, std::uint64_t offset, bool f
       constexpr std::uint64_t both = Nbd::AllocationFlag::hole | Nbd::AllocationFlag::zero;
       const bool isHole = (extent.status & both) == both;
       if (isHole == forHole && at + extent.length > offset) {
-        mount_.replyOffset(request, std::max(at, offset));
+        request.replyOffset(std::max(at, offset));
         co_return;
       }
       at += std::min(extent.length, size_ - at);
@@ -394,9 +407,9 @@ Io::Task<void> FileWorker::seek(fuse_req_t request, std::uint64_t offset, bool f
   // Without an answer all is data; and every file ends with a hole.
   const bool unknown = !device_.limits().blockStatus && !forHole;
   if (!forHole && !unknown) {
-    mount_.replyError(request, ENXIO);
+    request.replyError(ENXIO);
   } else {
-    mount_.replyOffset(request, unknown ? offset : size_);
+    request.replyOffset(unknown ? offset : size_);
   }
 }
 

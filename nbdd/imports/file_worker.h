@@ -9,6 +9,7 @@
 #include <functional>
 #include <span>
 
+#include "nbdd/imports/file_request.h"
 #include "nbdd/imports/fuse_mount.h"
 #include "nbdd/io/buffer.h"
 #include "nbdd/io/event_loop.h"
@@ -56,15 +57,17 @@ class FileWorker final : private Io::EventHandler {
 
   void onEvents(std::uint32_t events) override;
 
-  // One request each; replied to when they end.
-  Io::Task<void> read(fuse_req_t request, std::size_t length, std::uint64_t offset);
-  Io::Task<void> write(fuse_req_t request, Io::Buffer data, std::uint64_t offset);
-  Io::Task<void> writeAround(fuse_req_t request, Io::Buffer data, std::uint64_t offset);
-  Io::Task<void> sync(fuse_req_t request);
-  Io::Task<void> zero(fuse_req_t request, std::uint64_t offset, std::uint64_t length, bool keepAllocated);
-  Io::Task<void> seek(fuse_req_t request, std::uint64_t offset, bool forHole);
-  Io::Task<Nbd::Error> zeroBlocks(std::uint64_t offset, std::uint64_t length, std::uint16_t flags);
-  Io::Task<Nbd::Error> replaceBytes(std::uint64_t offset, std::span<const std::byte> data);
+  // One request each; replied to when they end, if not before.
+  Io::Task<void> read(fuse_req_t incoming, std::size_t length, std::uint64_t offset);
+  Io::Task<void> write(fuse_req_t incoming, Io::Buffer data, std::uint64_t offset);
+  Io::Task<void> writeAround(fuse_req_t incoming, Io::Buffer data, std::uint64_t offset);
+  Io::Task<void> sync(fuse_req_t incoming);
+  Io::Task<void> zero(fuse_req_t incoming, std::uint64_t offset, std::uint64_t length, bool keepAllocated);
+  Io::Task<void> seek(fuse_req_t incoming, std::uint64_t offset, bool forHole);
+  Io::Task<Nbd::Error> zeroBlocks(FileRequest& request, std::uint64_t offset, std::uint64_t length,
+                                  std::uint16_t flags);
+  Io::Task<Nbd::Error> replaceBytes(FileRequest& request, std::uint64_t offset,
+                                    std::span<const std::byte> data);
 
   // Writes that are no whole blocks have those blocks for themselves: see writeAround().
   Io::Task<void> enterShared();
@@ -85,6 +88,7 @@ class FileWorker final : private Io::EventHandler {
   bool watching_ = false;
   FuseInput input_;
   Io::BufferPool buffers_;
+  FileRequests requests_;
 
   /// Waits until the gate is opened for everybody who waits; then each looks again.
   class Gate {

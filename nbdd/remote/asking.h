@@ -10,7 +10,7 @@ namespace Nbdd::Remote {
 
 /// A request that a coroutine awaits: `Asking asking(device, Nbd::Command::flush); error = co_await asking;`.
 /// A variable of the awaiting coroutine, as is the memory that it names.
-class Asking final : public Request {
+class Asking : public Request {
  public:
   Asking(Device& device, Nbd::Command which, std::uint64_t at = 0, std::uint64_t bytes = 0)
       : device_(device) {
@@ -19,7 +19,7 @@ class Asking final : public Request {
     length = bytes;
   }
 
-  void done(Nbd::Error error) override {
+  void done(Nbd::Error error) final {
     error_ = error;
     std::exchange(waiter_, {}).resume();
   }

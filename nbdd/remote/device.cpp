@@ -249,6 +249,14 @@ void Device::submit(Request& request) {
   distribute();
 }
 
+void Device::withdraw(Request& request) {
+  if (std::erase(waiting_, &request) != 0) {
+    fail(request, Nbd::Error::io);
+  } else if (events_.withdraw) {
+    events_.withdraw(request);
+  }
+}
+
 /// Many small requests go the same way, because what is sent and received together costs less; what is more
 /// than one connection should carry goes where there is least.
 Connection* Device::chooseConnection() const {

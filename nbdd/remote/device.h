@@ -67,6 +67,8 @@ class Device {
     std::function<void()> changed = [] {};
     /// If set: takes requests over while there is no connection, instead of keeping them waiting.
     std::function<void(Request&)> takeOver = {};
+    /// With takeOver: a request is withdrawn that may have been taken over.
+    std::function<void(Request&)> withdraw = {};
   };
 
   Device(Io::EventLoop& loop, Options options, Events events);
@@ -100,6 +102,10 @@ class Device {
 
   /// Asks the server, sooner or later. A request that the limits forbid is answered without it.
   void submit(Request& request);
+  /// Whoever asked wants no answer to this request any more: if it waits for a connection, it fails, and has
+  /// no effect from then on that it has not had by now. What a server has in its hands stays there, and is
+  /// answered some time.
+  void withdraw(Request& request);
 
   /// Ends it: connections are closed at once, requests that are not answered fail. Then `stopped` ends.
   void stop();

@@ -126,6 +126,44 @@ TEST(Device, KeepsManyRequestsInFlightAndTakesAnswersInAnyOrder) {
   }
 }
 
+TEST(Device, WithdrawsWhatWaitsAndNothingElse) {
+  MemoryExport memory(size);
+  std::latch received(1);
+  std::latch answer(1);
+  ScriptedServer server({[&](Peer& peer) {
+                           ASSERT_TRUE(peer.handshake(memory.view));
+                           const auto first = peer.receiveRequest();
+                           ASSERT_TRUE(first);
+                           received.count_down();
+                           answer.wait();
+                           peer.sendNone(first->request);
+                           // Ends, and leaves the second without an answer.
+                           EXPECT_TRUE(peer.receiveRequest());
+                         },
+                         [&](Peer& peer) { memory.serve(peer); }});
+  Device::Options patient = options(server);
+  patient.connections = 1;
+  patient.pauses = {.first = 300s, .longest = 300s};
+  DeviceThread device(patient);
+  ASSERT_TRUE(device.awaitConnected());
+  const auto inFlight = device.ask(Command::write, 0, 512);
+  received.wait();
+  device.onLoop([&](Device& subject) { return subject.withdraw(*inFlight), 0; });
+  answer.count_down();
+  EXPECT_EQ(DeviceThread::result(*inFlight), Error::none) << "the server had it";
+  const auto unanswered = device.ask(Command::write, 512, 512);
+  ASSERT_TRUE(device.await([](const auto& seen) { return !seen.waiting.empty(); }));
+  const auto late = device.ask(Command::write, 1024, 512);
+  device.onLoop([&](Device& subject) {
+    subject.withdraw(*late);
+    subject.withdraw(*unanswered);
+    return 0;
+  });
+  EXPECT_EQ(DeviceThread::result(*late), Error::io);
+  EXPECT_EQ(DeviceThread::result(*unanswered), Error::io) << "its connection has ended at the server";
+  EXPECT_EQ(memory.content()[512], std::byte{0});
+}
+
 TEST(Device, PutsReadsTogetherFromPiecesHolesAndInterleavedAnswers) {
   ScriptedServer server({[](Peer& peer) {
     const MemoryExport memory(size);
