@@ -74,8 +74,9 @@ void Run::startServer() {
   };
   const bool ring = options_.bug != Bug::none || random.chance(700);
   const std::uint64_t count = random.pick({1U, 1U, 2U});
+  const Nbdd::Worker::Pools pools{.storage = pool_, .handshakes = pool_, .computing = pool_};
   for (std::uint64_t index = 0; index < count; ++index) {
-    workers_.push_back(std::make_unique<Nbdd::Worker>(table_, pool_, pool_, ring, events_));
+    workers_.push_back(std::make_unique<Nbdd::Worker>(table_, pools, ring, events_));
     if (workers_.back()->storageEngine() != (ring ? "simulation" : "threads")) {
       world_.impossible("the server waits for storage in a way that is not simulated");
     }
