@@ -307,7 +307,7 @@ bool Connection::consumeInput() {
     begin_ += part;
     data_ = data_.subspan(part);
     if (!data_.empty()) break;
-    if (!endOfChunk()) return false;
+    if (!endOfData()) return false;
   }
   // What is left is the start of a header, if anything.
   std::copy(input_.begin() + static_cast<std::ptrdiff_t>(begin_),
@@ -393,6 +393,8 @@ bool Connection::beginChunkPayload(const Nbd::ChunkHeader& header, Request& requ
       if (!isRead || !compression_ || header.length - Nbd::compressedFixedSize >= request.length) {
         return violation("it sent compressed data that nobody asked for");
       }
+      payload_.resize(header.length);
+      data_ = payload_;
       break;
     case Nbd::ReplyChunk::blockStatus:
     case Nbd::ReplyChunk::extendedBlockStatus:
@@ -413,8 +415,6 @@ bool Connection::takePayload(Bytes payload) {
       return takeDataOffset(payload);
     case Nbd::ReplyChunk::offsetHole:
       return takeHole(payload) && endOfChunk();
-    case Nbd::ReplyChunk::compressedData:
-      return takeCompressed(payload) && endOfChunk();
     case Nbd::ReplyChunk::blockStatus:
     case Nbd::ReplyChunk::extendedBlockStatus:
       return takeBlockStatus(payload) && endOfChunk();
@@ -459,6 +459,12 @@ bool Connection::takeError(Bytes payload) {
   // The first one counts.
   if (current_->error_ == Nbd::Error::none) current_->error_ = known(error->error);
   return true;
+}
+
+/// All data of a chunk, or of a simple reply, are there.
+bool Connection::endOfData() {
+  const bool isCompressed = !simple_ && chunk_.type == Nbd::ReplyChunk::compressedData;
+  return (!isCompressed || takeCompressed(payload_)) && endOfChunk();
 }
 
 /// All of a chunk, or of a simple reply, is there.

@@ -107,6 +107,7 @@ class Connection {
   bool takeCompressed(Bytes payload);
   bool takeBlockStatus(Bytes payload);
   bool takeError(Bytes payload);
+  bool endOfData();
   bool endOfChunk();
   bool finish(Request& request);
   bool answer(Request& request, Nbd::Error error);
@@ -163,7 +164,8 @@ class Connection {
   Io::Signal work_;
 
   // What is being received: `input_` holds bytes [begin_, end_); of the present chunk or reply, first
-  // `payload_` is collected up to `awaited_`, then `data_` is filled.
+  // `payload_` is collected up to `awaited_`, then `data_` is filled. Of a compressed chunk these are the
+  // payload.
   std::vector<std::byte> input_;
   std::size_t begin_ = 0;
   std::size_t end_ = 0;
