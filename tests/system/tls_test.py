@@ -440,6 +440,16 @@ class Imports(unittest.TestCase):
             control.ImportEnable(id=number)
             return number
 
+    def nbdd(self, client):
+        """One that takes this client alone."""
+        remote = remotes.Nbdd(self, self.image)
+        configuration = remote.service.configuration
+        configuration.write_text(
+            f'{configuration.read_text()}[tls]\nmode = "required"\ndirectory = "{self.files}"\nclients = ["{client}"]\n'
+        )
+        remote.start()
+        return remote
+
     def expect_content(self, number):
         with self.service.control() as control:
             kinds = control.ImportListNodeInterfaces(id=number)["interfaces"]
@@ -477,22 +487,12 @@ class Imports(unittest.TestCase):
             self.expect_content(self.enable(remote))
 
     def test_nbdd_itself(self):
-        remote = remotes.Nbdd(self, self.image)
-        configuration = remote.service.configuration
-        configuration.write_text(
-            f'{configuration.read_text()}[tls]\nmode = "required"\ndirectory = "{self.files}"\nclients = ["alice"]\n'
-        )
-        remote.start()
+        remote = self.nbdd("alice")
         self.start(f'mode = "required"\ndirectory = "{self.client}"\n')
         self.expect_content(self.enable(remote))
 
     def test_a_server_that_does_not_take_our_certificate(self):
-        remote = remotes.Nbdd(self, self.image)
-        configuration = remote.service.configuration
-        configuration.write_text(
-            f'{configuration.read_text()}[tls]\nmode = "required"\ndirectory = "{self.files}"\nclients = ["bob"]\n'
-        )
-        remote.start()
+        remote = self.nbdd("bob")
         self.start(f'mode = "required"\ndirectory = "{self.client}"\n')
         self.assertIn("may not accept", self.expect_failure(remote, TLS_FAILED))
 
