@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <ctime>
+#include <string_view>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -40,7 +41,10 @@ FileNode::FileNode(NodeContext context)
 
 std::optional<std::string> FileNode::missing() {
   if (::access("/dev/fuse", R_OK | W_OK) != 0) {
-    return fmt::format("/dev/fuse: {}; load the module \"fuse\"", std::generic_category().message(errno));
+    const int error = errno;
+    const std::string_view remedy =
+        error == ENOENT ? "load the module \"fuse\"" : "let this user read and write it";
+    return fmt::format("/dev/fuse: {}; {}", std::generic_category().message(error), remedy);
   }
   const bool canMount = ::geteuid() == 0;
   for (const char* const helper :
