@@ -6,6 +6,8 @@
 #include <array>
 #include <cstdlib>
 
+#include "nbdd/state/transition_table.h"
+
 namespace Nbdd {
 
 namespace {
@@ -102,18 +104,6 @@ std::string_view toText(Answer answer) {
   std::abort();
 }
 
-std::string_view toText(Wanted wanted) {
-  switch (wanted) {
-    case Wanted::added:
-      return "added";
-    case Wanted::enabled:
-      return "enabled";
-    case Wanted::disabled:
-      return "disabled";
-  }
-  std::abort();
-}
-
 }  // namespace
 
 std::string_view toText(ExportState state) {
@@ -157,10 +147,7 @@ std::string_view toText(ExportEvent event) {
 std::span<const ExportTransition> exportTransitions() { return transitions; }
 
 const ExportTransition* findTransition(ExportState state, ExportEvent event) {
-  const auto row = std::ranges::find_if(transitions, [&](const ExportTransition& candidate) {
-    return candidate.from == state && candidate.event == event;
-  });
-  return row == transitions.end() ? nullptr : &*row;
+  return findRow(transitions, state, event);
 }
 
 std::span<const ExportReturn> exportReturns() { return returns; }

@@ -6,6 +6,8 @@
 #include <array>
 #include <cstdlib>
 
+#include "nbdd/state/transition_table.h"
+
 namespace Nbdd {
 
 namespace {
@@ -132,18 +134,6 @@ std::string_view toText(Reason reason) {
   std::abort();
 }
 
-std::string_view toText(Wanted wanted) {
-  switch (wanted) {
-    case Wanted::added:
-      return "added";
-    case Wanted::enabled:
-      return "enabled";
-    case Wanted::disabled:
-      return "disabled";
-  }
-  std::abort();
-}
-
 }  // namespace
 
 std::string_view toText(ImportState state) {
@@ -195,10 +185,7 @@ std::string_view toText(ImportEvent event) {
 std::span<const ImportTransition> importTransitions() { return transitions; }
 
 const ImportTransition* findTransition(ImportState state, ImportEvent event) {
-  const auto row = std::ranges::find_if(transitions, [&](const ImportTransition& candidate) {
-    return candidate.from == state && candidate.event == event;
-  });
-  return row == transitions.end() ? nullptr : &*row;
+  return findRow(transitions, state, event);
 }
 
 std::span<const ImportReturn> importReturns() { return returns; }

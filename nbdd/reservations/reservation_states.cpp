@@ -2,9 +2,10 @@
 
 #include <fmt/core.h>
 
-#include <algorithm>
 #include <array>
 #include <cstdlib>
+
+#include "nbdd/state/transition_table.h"
 
 namespace Nbdd::Reservations {
 
@@ -122,12 +123,7 @@ std::string_view toText(Event event) {
 
 std::span<const Transition> transitions() { return table; }
 
-const Transition* findTransition(State state, Event event) {
-  const auto row = std::ranges::find_if(table, [&](const Transition& candidate) {
-    return candidate.from == state && candidate.event == event;
-  });
-  return row == table.end() ? nullptr : &*row;
-}
+const Transition* findTransition(State state, Event event) { return findRow(table, state, event); }
 
 std::string statesAsMarkdown() {
   std::string text =

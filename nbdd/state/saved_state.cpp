@@ -46,10 +46,6 @@ constexpr std::array<std::pair<std::string_view, Wanted>, 3> wantedWords{{
     {"disabled", Wanted::disabled},
 }};
 
-std::string_view wordOf(Wanted wanted) {
-  return std::ranges::find(wantedWords, wanted, [](const auto& row) { return row.second; })->first;
-}
-
 std::string exportLine(const SavedExport& saved) {
   Control::JsonWriter writer;
   writer.beginObject();
@@ -68,7 +64,7 @@ std::string exportLine(const SavedExport& saved) {
   writer.key("elemSize");
   writer.number(saved.elemSize);
   writer.key("wanted");
-  writer.string(wordOf(saved.wanted));
+  writer.string(toText(saved.wanted));
   writer.endObject();
   return writer.take();
 }
@@ -89,7 +85,7 @@ std::string importLine(const SavedImport& saved) {
   writer.key("readOnly");
   writer.boolean(saved.flags.has(Control::ImportFlag::forceReadOnly));
   writer.key("wanted");
-  writer.string(wordOf(saved.wanted));
+  writer.string(toText(saved.wanted));
   writer.endObject();
   return writer.take();
 }
@@ -123,14 +119,22 @@ std::optional<Wanted> wantedFrom(const Json& value) {
   return row->second;
 }
 
-std::expected<SavedExport, std::string> exportFrom(const Json& value) {
-  if (!hasExactly(value, exportMembers)) {
-    return Failure("has an export with a member too many or too few");
+/// The ID of one entry of a list, which has exactly these members. `kind`: "export" or "import".
+std::expected<std::uint32_t, std::string> idFrom(const Json& value, std::span<const char* const> members,
+                                                 std::string_view kind) {
+  if (!hasExactly(value, members)) {
+    return Failure(fmt::format("has an {} with a member too many or too few", kind));
   }
   const std::optional<std::uint64_t> id = wholeNumber(value["id"]);
   if (!id || *id == 0 || *id > std::numeric_limits<std::uint32_t>::max()) {
-    return Failure("has an export whose ID is no number from 1 to 4294967295");
+    return Failure(fmt::format("has an {} whose ID is no number from 1 to 4294967295", kind));
   }
+  return static_cast<std::uint32_t>(*id);
+}
+
+std::expected<SavedExport, std::string> exportFrom(const Json& value) {
+  const auto id = idFrom(value, exportMembers, "export");
+  if (!id) return Failure(id.error());
   const std::optional<Wanted> wanted = wantedFrom(value["wanted"]);
   const std::optional<std::uint64_t> elemCount = wholeNumber(value["elemCount"]);
   const std::optional<std::uint64_t> elemSize = wholeNumber(value["elemSize"]);
@@ -157,11 +161,8 @@ std::expected<SavedExport, std::string> exportFrom(const Json& value) {
 }
 
 std::expected<SavedImport, std::string> importFrom(const Json& value) {
-  if (!hasExactly(value, importMembers)) return Failure("has an import with a member too many or too few");
-  const std::optional<std::uint64_t> id = wholeNumber(value["id"]);
-  if (!id || *id == 0 || *id > std::numeric_limits<std::uint32_t>::max()) {
-    return Failure("has an import whose ID is no number from 1 to 4294967295");
-  }
+  const auto id = idFrom(value, importMembers, "import");
+  if (!id) return Failure(id.error());
   const std::optional<Wanted> wanted = wantedFrom(value["wanted"]);
   const std::optional<std::uint64_t> port = wholeNumber(value["port"]);
   const bool typesFit = value["name"].is_string() && value["address"].is_string() && port &&
@@ -183,48 +184,50 @@ std::expected<SavedImport, std::string> importFrom(const Json& value) {
   return saved;
 }
 
-/// Reads "nextImportId" and "imports", which a file of the first version does not have.
-std::expected<void, std::string> readImports(const Json& root, SavedState& state) {
-  const std::optional<std::uint64_t> next = wholeNumber(root["nextImportId"]);
-  if (!next || *next == 0 || *next > usedUp) return Failure("does not say the next import's ID");
-  state.nextImportId = *next;
-  const Json& list = root["imports"];
-  if (!list.is_array()) return Failure("has no list of imports");
-  if (list.size() > Limits::imports) return Failure(fmt::format("has more than {} imports", Limits::imports));
+/// Reads the list of one kind, "export" or "import", and the ID that the next of them gets. Each entry that
+/// was read is shown to `accept`, who may find fault with it.
+template <class Entry, class Accept>
+std::expected<void, std::string> readList(const Json& next, const Json& list, std::string_view kind,
+                                          std::size_t limit,
+                                          std::expected<Entry, std::string> (*entryFrom)(const Json&),
+                                          std::uint64_t& nextId, std::vector<Entry>& entries, Accept accept) {
+  const std::optional<std::uint64_t> number = wholeNumber(next);
+  if (!number || *number == 0 || *number > usedUp) {
+    return Failure(fmt::format("does not say the next {}'s ID", kind));
+  }
+  nextId = *number;
+  if (!list.is_array()) return Failure(fmt::format("has no list of {}s", kind));
+  if (list.size() > limit) return Failure(fmt::format("has more than {} {}s", limit, kind));
+  entries.reserve(list.size());
   std::uint64_t last = 0;
   for (const Json& value : list) {
-    auto saved = importFrom(value);
+    auto saved = entryFrom(value);
     if (!saved) return Failure(std::move(saved.error()));
     const auto id = static_cast<std::uint32_t>(saved->id);
-    if (id <= last || id >= state.nextImportId) {
-      return Failure(fmt::format("has the import with ID {} out of order", id));
-    }
+    if (id <= last || id >= nextId)
+      return Failure(fmt::format("has the {} with ID {} out of order", kind, id));
     last = id;
-    state.imports.push_back(std::move(*saved));
+    if (std::expected<void, std::string> accepted = accept(*saved); !accepted) return accepted;
+    entries.push_back(std::move(*saved));
   }
   return {};
 }
 
-std::expected<void, std::string> readExports(const Json& list, SavedState& state) {
-  if (!list.is_array()) return Failure("has no list of exports");
-  if (list.size() > Limits::exports) return Failure(fmt::format("has more than {} exports", Limits::exports));
-  state.exports.reserve(list.size());
+std::expected<void, std::string> readExports(const Json& root, SavedState& state) {
   std::unordered_set<std::string> names;
-  std::uint64_t last = 0;
-  for (const Json& value : list) {
-    auto saved = exportFrom(value);
-    if (!saved) return Failure(std::move(saved.error()));
-    const auto id = static_cast<std::uint32_t>(saved->id);
-    if (id <= last || id >= state.nextExportId) {
-      return Failure(fmt::format("has the export with ID {} out of order", id));
-    }
-    last = id;
-    if (!names.insert(saved->name).second) {
-      return Failure(fmt::format("has a second export of the same name, with ID {}", id));
-    }
-    state.exports.push_back(std::move(*saved));
-  }
-  return {};
+  const auto isFirstOfItsName = [&names](const SavedExport& saved) -> std::expected<void, std::string> {
+    if (names.insert(saved.name).second) return {};
+    return Failure(fmt::format("has a second export of the same name, with ID {}",
+                               static_cast<std::uint32_t>(saved.id)));
+  };
+  return readList(root["nextExportId"], root["exports"], "export", Limits::exports, exportFrom,
+                  state.nextExportId, state.exports, isFirstOfItsName);
+}
+
+std::expected<void, std::string> readImports(const Json& root, SavedState& state) {
+  const auto any = [](const SavedImport&) { return std::expected<void, std::string>(); };
+  return readList(root["nextImportId"], root["imports"], "import", Limits::imports, importFrom,
+                  state.nextImportId, state.imports, any);
 }
 
 /// The oldest version that can say it.
@@ -249,6 +252,10 @@ std::expected<void, std::string> readServer(const Json& server, bool knowsCompre
 }
 
 }  // namespace
+
+std::string_view toText(Wanted wanted) {
+  return std::ranges::find(wantedWords, wanted, [](const auto& row) { return row.second; })->first;
+}
 
 std::string printState(const SavedState& state) {
   Control::JsonWriter server;
@@ -295,10 +302,7 @@ std::expected<SavedState, std::string> parseState(std::string_view text) {
   if (auto read = readServer(root["server"], *version > versionWithoutCompression, state); !read) {
     return Failure(std::move(read.error()));
   }
-  const std::optional<std::uint64_t> next = wholeNumber(root["nextExportId"]);
-  if (!next || *next == 0 || *next > usedUp) return Failure("does not say the next export's ID");
-  state.nextExportId = *next;
-  if (auto read = readExports(root["exports"], state); !read) return Failure(std::move(read.error()));
+  if (auto read = readExports(root, state); !read) return Failure(std::move(read.error()));
   if (knowsImports) {
     if (auto read = readImports(root, state); !read) return Failure(std::move(read.error()));
   }

@@ -13,6 +13,9 @@ namespace Nbdd {
 /// What the operator last asked of an export or import: the part of its state that outlives the service.
 enum class Wanted { added, enabled, disabled };
 
+/// As the state file and the documents have it.
+std::string_view toText(Wanted wanted);
+
 /// One export as the state file holds it.
 struct SavedExport {
   Control::ExportId id{};
