@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "tests/support/scripted_platform.h"
+#include "tests/utility/listing.h"
 
 using namespace Services::NBD::Client::Types;
 using Support::endpoint;
@@ -39,13 +40,7 @@ void have(Platform& platform, const ImportInfo& info) {
 std::string lineOf(const ImportInfo& info, const std::string& label) {
   Platform platform;
   have(platform, info);
-  const std::string journal = platform.run("ilist").journal;
-  const auto start = journal.find("     - " + label + ": ");
-  if (start == std::string::npos) {
-    return "no such line";
-  }
-  const auto value = start + label.size() + 9;
-  return journal.substr(value, journal.find('\n', value) - value);
+  return Support::valueOf(platform.run("ilist").journal, label);
 }
 
 }  // namespace

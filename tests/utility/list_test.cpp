@@ -3,6 +3,7 @@
 #include <limits>
 
 #include "tests/support/scripted_platform.h"
+#include "tests/utility/listing.h"
 
 using namespace Services::NBD::Client::Types;
 using Support::endpoint;
@@ -37,13 +38,7 @@ void have(Platform& platform, const ExportInfo& info) {
 std::string lineOf(const ExportInfo& info, const std::string& label) {
   Platform platform;
   have(platform, info);
-  const std::string journal = platform.run("list").journal;
-  const auto start = journal.find("     - " + label + ": ");
-  if (start == std::string::npos) {
-    return "no such line";
-  }
-  const auto value = start + label.size() + 9;
-  return journal.substr(value, journal.find('\n', value) - value);
+  return Support::valueOf(platform.run("list").journal, label);
 }
 
 }  // namespace
