@@ -32,6 +32,16 @@ class Random {
   T pick(std::initializer_list<T> choices) {
     return choices.begin()[below(choices.size())];
   }
+  /// The index of one of `items`, more often of those with a larger `weight`.
+  template <class T>
+  std::size_t weighted(const std::vector<T>& items) {
+    std::uint64_t sum = 0;
+    for (const T& item : items) sum += item.weight;
+    std::uint64_t chosen = below(sum);
+    std::size_t index = 0;
+    while (chosen >= items[index].weight) chosen -= items[index++].weight;
+    return index;
+  }
   template <class T>
   void shuffle(std::vector<T>& items) {
     for (std::size_t left = items.size(); left > 1; --left) {

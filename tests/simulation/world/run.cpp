@@ -165,18 +165,7 @@ bool Run::step() {
   if (actions_.empty()) {
     return letTimePass();
   }
-  std::uint64_t sum = 0;
-  for (const Action& action : actions_) {
-    sum += action.weight;
-  }
-  std::uint64_t chosen = world_.random().below(sum);
-  for (const Action& action : actions_) {
-    if (chosen < action.weight) {
-      perform(action);
-      break;
-    }
-    chosen -= action.weight;
-  }
+  perform(actions_[world_.random().weighted(actions_)]);
   model_.forgetEnded();
   return true;
 }
