@@ -164,9 +164,9 @@ inline constexpr std::uint32_t compressionWorth = 16;
 /// row, doubling, before the next is tried all the same.
 inline constexpr std::uint32_t compressionPassedOver = 64;
 
-/// Bytes that wait for the network until blocks are compressed thoroughly rather than quickly: the network is
-/// busy for longer than it takes to compress a block, at 1 Gbit/s.
-inline constexpr std::size_t compressionBacklog = std::size_t{64} * 1024;
+/// Bytes that wait for the network until blocks are compressed thoroughly rather than quickly: at 1 Gbit/s it
+/// is busy for 2 ms, and several transfers are compressed meanwhile.
+inline constexpr std::size_t compressionBacklog = std::size_t{256} * 1024;
 
 /// Plain bytes of writes that an import compresses before it sends what it has.
 inline constexpr std::size_t importCompressBatch = std::size_t{256} * 1024;

@@ -1,5 +1,6 @@
 #include "nbdd/io/stream.h"
 
+#include <linux/sockios.h>
 #include <sys/ioctl.h>
 #include <sys/sendfile.h>
 #include <sys/socket.h>
@@ -75,6 +76,12 @@ void Stream::setReceiveThreshold(std::size_t bytes) {
 std::size_t Stream::available() const {
   int count = 0;
   return ::ioctl(socket_.number(), FIONREAD, &count) == 0 ? static_cast<std::size_t>(std::max(count, 0)) : 0;
+}
+
+std::size_t Stream::unsent() const {
+  int count = 0;
+  return ::ioctl(socket_.number(), SIOCOUTQNSD, &count) == 0 ? static_cast<std::size_t>(std::max(count, 0))
+                                                             : 0;
 }
 
 ssize_t Stream::send(std::span<const std::byte> bytes, bool more) {

@@ -53,6 +53,8 @@ class Stream final : public EventHandler {
   std::vector<std::byte> channelBinding() const {
     return layer_ == nullptr ? std::vector<std::byte>() : layer_->channelBinding();
   }
+  /// Bytes that the socket has taken and the network has not, of a connection by TCP; else 0.
+  std::size_t unsent() const;
   /// Whether all that was sent has reached the socket. Without a layer it always has.
   bool flushed() const { return layer_ == nullptr || layer_->flushed(); }
   /// The number of bytes sent, or a negative errno (-EAGAIN: the send buffer is full). `more`: further bytes

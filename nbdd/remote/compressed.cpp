@@ -14,7 +14,7 @@ namespace Nbdd::Remote {
 /// Makes the next requests ready to be sent: a few, so that those before them leave meanwhile.
 void Connection::compressNext() {
   std::size_t bytes = 0;
-  std::size_t backlog = 0;
+  std::size_t backlog = stream_->unsent();
   for (std::size_t index = 0; index < ready_; ++index) backlog += outgoing_[index]->unsent_;
   const Effort effort = effortFor(backlog);
   while (ready_ < outgoing_.size() && (bytes < Limits::importCompressBatch || ready_ == 0)) {

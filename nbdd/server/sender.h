@@ -39,8 +39,8 @@ class Sender {
 
   /// Bytes of memory that wait for the client to read: whole buffers, but for what of them has been sent.
   std::size_t pending() const { return pending_; }
-  /// Bytes of memory that wait to be sent: what of these buffers the network has not taken.
-  std::size_t backlog() const { return backlog_; }
+  /// Bytes that are ready to leave and wait for the network, here or in the socket.
+  std::size_t backlog() const { return backlog_ + stream_.unsent(); }
   bool idle() const { return queue_.empty() && stream_.flushed(); }
   /// Nothing can be sent any more; what is queued is dropped.
   bool failed() const { return failed_; }
@@ -87,7 +87,7 @@ class Sender {
   Io::Scope flushing_;
   std::deque<Piece> queue_;
   std::size_t pending_ = 0;
-  std::size_t backlog_ = 0;
+  std::size_t backlog_ = 0;  // bytes of buffers
   bool failed_ = false;
 };
 

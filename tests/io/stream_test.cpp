@@ -221,5 +221,28 @@ TEST(Stream, FailsToSendToAPeerThatIsGone) {
   EXPECT_EQ(stream.send(one), -EPIPE);
 }
 
+TEST(Stream, CountsWhatTheNetworkHasNotTaken) {
+  EventLoop loop;
+  Pair pair = tcpPair();
+  Stream stream(loop, std::move(pair.ours));
+  EXPECT_EQ(stream.unsent(), 0U);
+  // Whoever does not receive fills first his own memory, then ours.
+  const std::vector<std::byte> bytes(std::size_t{64} * 1024);
+  std::size_t sent = 0;
+  for (ssize_t count = 0; (count = stream.send(bytes)) > 0;) sent += static_cast<std::size_t>(count);
+  const std::size_t unsent = stream.unsent();
+  EXPECT_GT(unsent, 0U);
+  EXPECT_LT(unsent, sent);
+}
+
+TEST(Stream, HasNoNetworkWithinTheHost) {
+  EventLoop loop;
+  Pair pair;
+  Stream stream(loop, std::move(pair.ours));
+  const std::array<std::byte, 10> bytes{};
+  EXPECT_EQ(stream.send(bytes), std::ssize(bytes));
+  EXPECT_EQ(stream.unsent(), 0U);
+}
+
 }  // namespace
 }  // namespace Nbdd::Io
