@@ -58,6 +58,8 @@ void FileLane::end() {
 // --- The lane's thread
 
 void FileLane::pass(Remote::Request& request) {
+  // Its memory is this thread's to take.
+  if (request.command == Nbd::Command::read && request.destination.empty()) request.takeMemory();
   home_.post([this, &request] {
     const auto [place, isNew] = passed_.emplace(&request, std::make_unique<Passed>(*this, request));
     homeDevice_.submit(*place->second);

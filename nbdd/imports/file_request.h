@@ -50,7 +50,7 @@ class FileRequest {
 
   /// One question to the server on the way to the answer: a variable of the coroutine, to be awaited at once.
   /// It fails without the server if nobody wants an answer any more.
-  class Question final : public Remote::Asking {
+  class Question : public Remote::Asking {
    public:
     Question(FileRequest& request, Nbd::Command which, std::uint64_t at = 0, std::uint64_t bytes = 0)
         : Asking(request.all_.device_, which, at, bytes), request_(request), late_(request.givenUp_) {

@@ -47,6 +47,31 @@ int errnoOf(Nbd::Error error) {
   }
 }
 
+/// Part of a read, whose memory is taken for all parts when the first data arrive: most often it is what the
+/// previous read has just given back.
+class Reading final : public FileRequest::Question {
+ public:
+  /// `bytes` at `at`, of `size` bytes that go to `buffer`; `skip` of them are before these.
+  Reading(FileRequest& request, std::uint64_t at, std::uint64_t bytes, Io::BufferPool& pool,
+          Io::Buffer& buffer, std::size_t size, std::size_t skip)
+      : Question(request, Nbd::Command::read, at, bytes),
+        pool_(pool),
+        buffer_(buffer),
+        size_(size),
+        skip_(skip) {}
+
+  void takeMemory() override {
+    if (buffer_.empty()) buffer_ = pool_.take(size_);
+    destination = buffer_.bytes().subspan(skip_, length);
+  }
+
+ private:
+  Io::BufferPool& pool_;
+  Io::Buffer& buffer_;
+  const std::size_t size_;
+  const std::size_t skip_;
+};
+
 /// The worker that is about to receive a request on this thread.
 thread_local FileWorker* receiving = nullptr;
 
@@ -245,11 +270,10 @@ Io::Task<void> FileWorker::read(fuse_req_t incoming, std::size_t length, std::ui
   // The blocks around what is asked for. A last block that the size cuts off cannot be read whole.
   const std::uint64_t first = offset / block * block;
   const std::uint64_t last = std::min((end + block - 1) / block * block, size_ / block * block);
-  Io::Buffer buffer = buffers_.take(std::max(last, end) - first);
+  Io::Buffer buffer;
   const std::uint64_t most = device_.limits().maximumPayload / block * block;
   for (std::uint64_t at = first; at < last; at += most) {
-    FileRequest::Question asking(request, Nbd::Command::read, at, std::min(most, last - at));
-    asking.destination = buffer.bytes().subspan(at - first, asking.length);
+    Reading asking(request, at, std::min(most, last - at), buffers_, buffer, last - first, at - first);
     const Nbd::Error error = co_await asking;
     if (error != Nbd::Error::none) {
       request.replyError(errnoOf(error));

@@ -52,7 +52,7 @@ bool Connection::takeCompressed(Bytes payload) {
   if (!piece || !current_->reading_->takeContent(piece->offset, piece->plainLength)) {
     return violation("it sent data that were not asked for");
   }
-  const auto plain = current_->destination.subspan(piece->offset - current_->offset, piece->plainLength);
+  const auto plain = destinationOf(*current_, piece->offset, piece->plainLength);
   if (!expandBlocks(piece->blocks, compression_->blockLength, plain)) {
     return violation("it sent compressed data that are damaged");
   }

@@ -7,6 +7,7 @@
 #include <system_error>
 #include <utility>
 
+#include "nbd/contract.h"
 #include "nbd/request.h"
 #include "nbdd/log/log.h"
 
@@ -24,9 +25,15 @@ namespace {
 
 constexpr std::size_t directThreshold = 4096;  // below it, copying costs less than a system call of its own
 
+// Where requests are as large as this, the headers of replies are received alone, several of them perhaps, so
+// that no more than that of the data is copied once more.
+constexpr std::size_t largeRequest = std::size_t{64} * 1024;
+constexpr std::size_t headersAlone = 256;
+
 std::uint64_t loadOf(const Request& request) {
   constexpr std::uint64_t least = 4096;
-  return std::max<std::uint64_t>(request.destination.size() + request.payload.size(), least);
+  const std::uint64_t data = request.command == Nbd::Command::read ? request.length : request.payload.size();
+  return std::max(data, least);
 }
 
 Nbd::Error known(Nbd::Error error) {
@@ -229,7 +236,7 @@ Io::Task<Connection::Ending> Connection::receiveAll() {
     if (retiring_ && inFlight_ == 0) co_return Ending{Kind::retired, "the server is about to end"};
     // The data of a large read go straight to their place; there is nothing before them any more.
     const bool direct = current_ != nullptr && payload_.size() == awaited_ && data_.size() >= directThreshold;
-    const std::span<std::byte> room = direct ? data_ : std::span(input_).subspan(end_);
+    const std::span<std::byte> room = direct ? data_ : roomForInput();
     const ssize_t count = stream_->receive(room);
     if (stopped_) co_return Ending{Kind::stopped, {}};
     if (count > 0) {
@@ -261,6 +268,13 @@ Io::Task<Connection::Ending> Connection::receiveAll() {
                        std::generic_category().message(error)};
     }
   }
+}
+
+/// For what cannot go straight to its place.
+std::span<std::byte> Connection::roomForInput() {
+  const std::span<std::byte> room = std::span(input_).subspan(end_);
+  const bool large = load_ >= inFlight_ * largeRequest;
+  return large ? room.first(std::min(room.size(), headersAlone)) : room;
 }
 
 /// Ends our side, and waits until the server has ended its side: then nothing that we have sent can be
@@ -355,7 +369,7 @@ bool Connection::takeSimpleReply(Bytes bytes) {
   current_ = request;
   simple_ = true;
   static_cast<void>(request->reading_->takeContent(request->offset, request->length));
-  data_ = request->destination;
+  data_ = destinationOf(*request, request->offset, request->length);
   return true;
 }
 
@@ -423,12 +437,19 @@ bool Connection::takePayload(Bytes payload) {
   }
 }
 
+/// Where data of a READ belong that are known to be part of it.
+std::span<std::byte> Connection::destinationOf(Request& request, std::uint64_t offset, std::size_t length) {
+  if (request.destination.empty()) request.takeMemory();
+  Nbd::require(request.destination.size() == request.length);
+  return request.destination.subspan(offset - request.offset, length);
+}
+
 bool Connection::takeDataOffset(Bytes payload) {
   const auto offset = Nbd::loadBig<std::uint64_t>(payload.first<Nbd::offsetSize>());
   const std::size_t length = chunk_.length - payload.size();
   if (!current_->reading_->takeContent(offset, length))
     return violation("it sent data that were not asked for");
-  data_ = current_->destination.subspan(offset - current_->offset, length);
+  data_ = destinationOf(*current_, offset, length);
   return true;
 }
 
@@ -437,8 +458,7 @@ bool Connection::takeHole(Bytes payload) {
   if (!hole || !current_->reading_->takeContent(hole->offset, hole->length)) {
     return violation("it sent data that were not asked for");
   }
-  std::ranges::fill(current_->destination.subspan(hole->offset - current_->offset, hole->length),
-                    std::byte{});
+  std::ranges::fill(destinationOf(*current_, hole->offset, hole->length), std::byte{});
   return true;
 }
 

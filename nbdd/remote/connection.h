@@ -101,6 +101,8 @@ class Connection {
   bool takeChunk(Bytes bytes);
   bool sendsChunks() const { return agreement_.headers != Nbd::HeaderStyle::simple; }
   bool beginChunkPayload(const Nbd::ChunkHeader& header, Request& request);
+  static std::span<std::byte> destinationOf(Request& request, std::uint64_t offset, std::size_t length);
+  std::span<std::byte> roomForInput();
   bool takePayload(Bytes payload);
   bool takeDataOffset(Bytes payload);
   bool takeHole(Bytes payload);

@@ -26,12 +26,16 @@ class Request {
 
   /// The server's answer. May destroy the request and submit others.
   virtual void done(Nbd::Error error) = 0;
+  /// Called when data of a READ begin to arrive that has no destination: sets it. On the loop's thread, never
+  /// inside `Device::submit`. Memory that is taken so late, and has been in use before, is most likely still
+  /// in the processor's cache.
+  virtual void takeMemory() {}
 
   Nbd::Command command = Nbd::Command::read;
   std::uint16_t flags = 0;  ///< Nbd::CommandFlag; what the device does not offer is the asker's mistake
   std::uint64_t offset = 0;
   std::uint64_t length = 0;                     ///< bytes; up to Device::maximumLength
-  std::span<std::byte> destination;             ///< of a READ: `length` bytes
+  std::span<std::byte> destination;             ///< of a READ: `length` bytes, or none so far
   std::span<const std::byte> payload;           ///< of a WRITE: `length` bytes
   std::vector<Nbd::Extent>* extents = nullptr;  ///< of a BLOCK_STATUS: where the answer goes
 
