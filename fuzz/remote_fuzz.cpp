@@ -28,6 +28,7 @@ namespace Io = Nbdd::Io;
 constexpr std::uint32_t context = 7;
 constexpr std::uint64_t base = 8192;
 constexpr std::byte untouched{0xa5};
+constexpr std::uint64_t lateFrom = 300;  // longer reads have no memory before their data come
 
 void expect(bool promise) {
   if (!promise) std::abort();
@@ -41,13 +42,20 @@ class Asked final : public Nbdd::Remote::Request {
     offset = at;
     length = bytes;
     if (which == Command::read || which == Command::write) memory.assign(bytes, untouched);
-    if (which == Command::read) destination = memory;
+    if (which == Command::read && bytes < lateFrom) destination = memory;
     if (which == Command::write) payload = memory;
     if (which == Command::blockStatus) extents = &found;
   }
 
+  void takeMemory() override {
+    expect(command == Command::read && length >= lateFrom);
+    expect(!answer && destination.empty());  // once
+    destination = memory;
+  }
   void done(Nbd::Error error) override {
     expect(!answer);  // once
+    // Every byte of a good answer came from somewhere.
+    expect(error != Nbd::Error::none || command != Command::read || destination.size() == length);
     answer = error;
   }
 
