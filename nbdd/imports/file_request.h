@@ -83,7 +83,7 @@ class FileRequest {
   void giveUp();
 
   FileRequests& all_;
-  const fuse_req_t request_;
+  fuse_req_t request_;
   const pid_t process_;  // the thread that waits for it
   const Kind kind_;
   std::size_t place_;                 // in all_
