@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <iterator>
 #include <system_error>
 
 namespace Nbdd::Io {
@@ -60,6 +61,10 @@ void EventLoop::post(Function function) {
 }
 
 void EventLoop::defer(Function function) { deferred_.push_back(std::move(function)); }
+
+void EventLoop::yield(Function function) {
+  (runningDeferred_ ? nextTurn_ : deferred_).push_back(std::move(function));
+}
 
 int EventLoop::watch(int descriptor, std::uint32_t events, EventHandler& handler) {
   epoll_event event{};
@@ -128,12 +133,21 @@ void EventLoop::fireTimers() {
   }
 }
 
+/// What is deferred by what was deferred belongs to this turn still: answers that leave let a program go on,
+/// its requests are taken, and they leave too. But not for ever, for the descriptors wait.
 void EventLoop::runDeferred() {
-  std::vector<Function> functions;
-  functions.swap(deferred_);
-  for (Function& function : functions) {
-    function();
+  constexpr int rounds = 2;
+  runningDeferred_ = true;
+  for (int round = 0; round < rounds && !deferred_.empty(); ++round) {
+    running_.swap(deferred_);
+    for (Function& function : running_) {
+      function();
+    }
+    running_.clear();
   }
+  runningDeferred_ = false;
+  std::ranges::move(nextTurn_, std::back_inserter(deferred_));
+  nextTurn_.clear();
 }
 
 void Timer::start(Clock::duration delay) {

@@ -36,7 +36,8 @@ class Timer;
 /// One thread's loop over descriptors, timers and posted functions.
 ///
 /// Everything belongs to the thread that calls `run`, but for `post` and `stop`, which any thread may call.
-/// Each turn: wait, handle the ready descriptors, fire timers, run what was posted, run what was deferred.
+/// Each turn: wait, handle the ready descriptors, fire timers, run what was posted, run what was deferred,
+/// and what that deferred. What is deferred then belongs to the next turn.
 class EventLoop {
  public:
   /// Throws std::system_error when the kernel gives no epoll or eventfd descriptor (start-up only).
@@ -53,6 +54,9 @@ class EventLoop {
   void post(Function function);
   /// The loop's thread: runs `function` at the end of this turn, after every ready descriptor was handled.
   void defer(Function function);
+  /// The same for whoever has more to do than fits into a turn: what was itself deferred waits for the end of
+  /// the next turn.
+  void yield(Function function);
 
   /// Watches `descriptor` for `events` (epoll flags, EPOLLET welcome). Returns 0 or an errno.
   [[nodiscard]] int watch(int descriptor, std::uint32_t events, EventHandler& handler);
@@ -79,6 +83,9 @@ class EventLoop {
   std::array<epoll_event, eventsPerTurn> events_{};
   std::span<epoll_event> pending_;
   std::vector<Function> deferred_;
+  std::vector<Function> running_;   // empty but while runDeferred does: keeps its memory
+  std::vector<Function> nextTurn_;  // likewise
+  bool runningDeferred_ = false;
   std::set<std::pair<Clock::time_point, Timer*>> timers_;
   Clock::time_point now_ = Clock::now();
 

@@ -202,7 +202,7 @@ class RingFileIo final : public FileIo, private EventHandler {
     if (!waiting_.empty() && running_ == 0) {
       // Nothing in flight will bring us back here, so come back by ourselves.
       submitting_ = true;
-      loop_.defer([this] { submit(); });
+      loop_.yield([this] { submit(); });
     }
   }
 
@@ -213,7 +213,7 @@ class RingFileIo final : public FileIo, private EventHandler {
     if (submitted < 0 || io_uring_sq_ready(&ring_) != 0) {
       if (!submitting_) {
         submitting_ = true;
-        loop_.defer([this] { submit(); });
+        loop_.yield([this] { submit(); });
       }
       return submitted > 0;
     }

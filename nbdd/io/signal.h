@@ -44,7 +44,7 @@ class EndOfTurn {
   explicit EndOfTurn(EventLoop& loop) : loop_(loop) {}
   bool await_ready() const noexcept { return false; }
   void await_suspend(std::coroutine_handle<> waiter) {
-    loop_.defer([waiter] { waiter.resume(); });
+    loop_.yield([waiter] { waiter.resume(); });
   }
   void await_resume() const noexcept {}
 

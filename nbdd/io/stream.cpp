@@ -13,8 +13,14 @@
 
 namespace Nbdd::Io {
 
+namespace {
+
+constexpr std::uint32_t watchedEvents = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
+
+}  // namespace
+
 Stream::Stream(EventLoop& loop, FileDescriptor socket) : loop_(loop), socket_(std::move(socket)) {
-  failure_ = loop_.watch(socket_.number(), EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET, *this);
+  failure_ = loop_.watch(socket_.number(), watchedEvents, *this);
 }
 
 Stream::~Stream() {
@@ -148,7 +154,26 @@ ssize_t Stream::sendFile(int file, std::uint64_t offset, std::size_t length) {
   return count;
 }
 
+void Stream::rest() {
+  if (resting_ || reader_ || writer_ || failure_ != 0) {
+    return;
+  }
+  resting_ = loop_.change(socket_.number(), EPOLLET, *this) == 0;
+}
+
+/// The kernel tells at once what has happened meanwhile.
+void Stream::endRest() {
+  resting_ = false;
+  failure_ = loop_.change(socket_.number(), watchedEvents, *this);
+  if (failure_ != 0) {
+    readable_ = writable_ = true;  // whoever tries hears of it
+  }
+}
+
 bool Stream::Waiting::await_ready() const noexcept {
+  if (stream_.resting_) [[unlikely]] {
+    stream_.endRest();
+  }
   return forReading_ ? stream_.readable_ || stream_.readingInterrupted_ : stream_.writable_;
 }
 

@@ -47,6 +47,10 @@ class Stream final : public EventHandler {
   void setReceiveThreshold(std::size_t bytes);
   /// Bytes that have arrived and not been received.
   std::size_t available() const;
+  /// The loop is told nothing more of the socket, but that both sides have ended, until somebody waits for
+  /// it again: whoever knows when to try is not woken meanwhile. `drained` then says nothing. Does nothing
+  /// while somebody waits.
+  void rest();
   /// Whether nothing has arrived since the last `receive`, as far as the loop knows: wait instead of trying.
   bool drained() const { return !readable_; }
   /// What proofs made within this connection can be bound to, as Layer says; empty where there is nothing.
@@ -101,6 +105,8 @@ class Stream final : public EventHandler {
   void onEvents(std::uint32_t events) override;
 
  private:
+  void endRest();
+
   EventLoop& loop_;
   FileDescriptor socket_;
   std::unique_ptr<Layer> layer_;
@@ -109,6 +115,7 @@ class Stream final : public EventHandler {
   bool readable_ = true;
   bool writable_ = true;
   bool peerEnded_ = false;
+  bool resting_ = false;
   bool readingInterrupted_ = false;
   std::coroutine_handle<> reader_;
   std::coroutine_handle<> writer_;

@@ -1,6 +1,7 @@
 #include "nbdd/io/event_loop.h"
 
 #include <gtest/gtest.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 
 #include <array>
@@ -55,6 +56,53 @@ TEST(EventLoop, DefersToTheEndOfTheTurn) {
     order += 'a';
   });
   loop.post([&] { order += 'b'; });
+  loop.run();
+  EXPECT_EQ(order, "abc");
+}
+
+// An answer that leaves at the end of a turn may bring a request, which leaves with it. But whoever defers
+// himself again and again must not keep the others waiting.
+TEST(EventLoop, DefersWhatWasDeferredOnceToTheSameTurn) {
+  EventLoop loop;
+  std::string order;
+  const FileDescriptor ready(::eventfd(1, EFD_CLOEXEC | EFD_NONBLOCK));
+  struct Handler final : EventHandler {
+    EventLoop& loop;
+    std::string& order;
+    Handler(EventLoop& of, std::string& into) : loop(of), order(into) {}
+    void onEvents(std::uint32_t /*events*/) override { order += 'e'; }
+  } handler(loop, order);
+  loop.post([&] {
+    ASSERT_EQ(loop.watch(ready.number(), EPOLLIN | EPOLLET, handler), 0);
+    loop.defer([&] {
+      order += '1';
+      loop.defer([&] {
+        order += '2';
+        loop.defer([&] {
+          order += '3';
+          loop.stop();
+        });
+      });
+    });
+  });
+  loop.run();
+  EXPECT_EQ(order, "12e3");
+  loop.unwatch(ready.number(), handler);
+}
+
+TEST(EventLoop, YieldsToTheOthersOfTheNextTurn) {
+  EventLoop loop;
+  std::string order;
+  loop.post([&] {
+    loop.yield([&] {
+      order += 'a';
+      loop.yield([&] {
+        order += 'c';
+        loop.stop();
+      });
+      loop.post([&] { order += 'b'; });
+    });
+  });
   loop.run();
   EXPECT_EQ(order, "abc");
 }

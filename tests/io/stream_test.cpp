@@ -94,6 +94,50 @@ TEST(Stream, IsInterruptedWhileItWaitsAndEverAfter) {
   EXPECT_EQ(runTask(loop, receiveAll(stream)), "");
 }
 
+// What arrives while a stream rests wakes nobody; a wait afterwards finds it.
+TEST(Stream, FindsWhatArrivedWhileItRested) {
+  EventLoop loop;
+  Pair pair;
+  Stream stream(loop, std::move(pair.ours));
+  std::array<std::byte, 7> memory{};
+  ASSERT_EQ(stream.receive(memory), -EAGAIN);
+  stream.rest();
+  ASSERT_EQ(::send(pair.theirs.number(), "word", 4, 0), 4);
+  bool told = false;
+  loop.post([&] {
+    told = !stream.drained();
+    loop.stop();
+  });
+  loop.run();
+  EXPECT_FALSE(told);
+  std::jthread peer([&] { pair.theirs.reset(); });
+  EXPECT_EQ(runTask(loop, receiveAll(stream)), "word");
+}
+
+TEST(Stream, CanBeTriedWhileItRests) {
+  EventLoop loop;
+  Pair pair;
+  Stream stream(loop, std::move(pair.ours));
+  std::array<std::byte, 7> memory{};
+  stream.rest();
+  ASSERT_EQ(::send(pair.theirs.number(), "word", 4, 0), 4);
+  EXPECT_EQ(stream.receive(memory), 4);
+  EXPECT_EQ(stream.receive(memory), -EAGAIN);
+  pair.theirs.reset();
+  EXPECT_EQ(stream.receive(memory), 0);
+}
+
+TEST(Stream, SeesAPeerThatLeftWhileItRested) {
+  EventLoop loop;
+  Pair pair;
+  Stream stream(loop, std::move(pair.ours));
+  std::array<std::byte, 7> memory{};
+  ASSERT_EQ(stream.receive(memory), -EAGAIN);
+  stream.rest();
+  pair.theirs.reset();
+  EXPECT_EQ(runTask(loop, receiveAll(stream)), "");
+}
+
 Task<std::size_t> sendAll(Stream& stream, std::span<const std::byte> bytes) {
   std::size_t waits = 0;
   while (!bytes.empty()) {
@@ -134,6 +178,23 @@ TEST(Stream, WaitsForASlowReader) {
   EXPECT_GT(runTask(loop, sendAll(stream, sent)), 0U);
   peer.join();
   EXPECT_EQ(received, sent.size());
+}
+
+// Whoever cannot send waits, and is told when he can, however the stream was left.
+TEST(Stream, EndsItsRestForWhoeverSends) {
+  EventLoop loop;
+  Pair pair;
+  const int small = 4096;
+  ::setsockopt(pair.ours.number(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+  Stream stream(loop, std::move(pair.ours));
+  stream.rest();
+  const std::vector<std::byte> sent(100'000, std::byte{7});
+  std::jthread peer([&] {
+    std::array<std::byte, 4096> memory{};
+    while (::recv(pair.theirs.number(), memory.data(), memory.size(), 0) > 0) {
+    }
+  });
+  EXPECT_GT(runTask(loop, sendAll(stream, sent)), 0U);
 }
 
 Pair tcpPair() {
