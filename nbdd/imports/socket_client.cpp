@@ -130,6 +130,11 @@ SocketClient::SocketClient(Io::EventLoop& loop, Remote::Device& device, Io::Buff
       sender_(stream_, buffers),
       answered_(loop),
       deadline_(loop, [this] { end(); }),
+      look_(loop,
+            [this] {
+              timeToLook_ = true;
+              answered_.notify();
+            }),
       input_(inputLength) {}
 
 SocketClient::~SocketClient() = default;
@@ -235,26 +240,54 @@ std::span<std::byte> SocketClient::room() {
   return std::span(input_).subspan(end_);
 }
 
+/// Takes what has arrived, up to some amount; as Stream::receive.
+ssize_t SocketClient::receive() {
+  // The data of a large write go straight to their place; nothing stands before them.
+  const bool direct = writing_ != nullptr;
+  const ssize_t count = stream_.receive(direct ? missing_ : room());
+  if (count > 0 && direct) {
+    missing_ = missing_.subspan(static_cast<std::size_t>(count));
+  } else if (count > 0) {
+    end_ += static_cast<std::size_t>(count);
+  }
+  return count;
+}
+
 /// Awaits more input. False: there is none any more.
 Io::Task<bool> SocketClient::receiveMore() {
+  bool knownEmpty = stream_.drained();
+  bool waitedLong = false;
   while (!ending_) {
-    // The data of a large write go straight to their place; nothing stands before them.
-    const bool direct = writing_ != nullptr;
-    const ssize_t count = stream_.receive(direct ? missing_ : room());
+    const ssize_t count = knownEmpty ? -EAGAIN : receive();
     if (count > 0) {
-      const auto length = static_cast<std::size_t>(count);
-      if (direct) {
-        missing_ = missing_.subspan(length);
-      } else {
-        end_ += length;
-      }
+      if (waitedLong) watch_.keptWaiting();
       co_return true;
     }
     if (count != -EAGAIN) co_return false;
-    Io::Stream::Waiting readable = stream_.readable();
-    co_await readable;
+    if (writing_ != nullptr || waitedLong || watch_.isNeeded(inFlight_)) {
+      waitedLong = false;
+      Io::Stream::Waiting readable = stream_.readable();
+      co_await readable;
+    } else {
+      Io::Task<bool> lookingAway = lookAway();
+      const bool answered = co_await lookingAway;
+      waitedLong = !answered;
+    }
+    knownEmpty = false;
   }
   co_return false;
+}
+
+/// Awaits an answer to any request of the program, which is not watched meanwhile. False: there is none yet,
+/// but it is time to look at the program.
+Io::Task<bool> SocketClient::lookAway() {
+  timeToLook_ = false;
+  stream_.rest();
+  look_.start(ProgramWatch::lookTime);
+  Io::Signal::Waiting answered = answered_.wait();
+  co_await answered;
+  look_.cancel();
+  co_return !timeToLook_;
 }
 
 bool SocketClient::hasRoom() const {
@@ -273,6 +306,7 @@ Io::Task<void> SocketClient::serve() {
     }
     if (takeInput()) continue;
     if (ending_) co_return;
+    watch_.turned(inFlight_, bytesInFlight_);
     if (!stream_.drained()) {
       Io::EndOfTurn turn(loop_);
       co_await turn;

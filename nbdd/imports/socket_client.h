@@ -12,6 +12,7 @@
 #include "nbd/reply_encoder.h"
 #include "nbd/server_handshake.h"
 #include "nbd/validation.h"
+#include "nbdd/imports/program_watch.h"
 #include "nbdd/io/buffer.h"
 #include "nbdd/io/event_loop.h"
 #include "nbdd/io/signal.h"
@@ -49,6 +50,8 @@ class SocketClient {
   Io::Task<void> use();
   Io::Task<void> finish();
   Io::Task<bool> receiveMore();
+  ssize_t receive();
+  Io::Task<bool> lookAway();
   Io::Task<void> serve();
   bool hasRoom() const;
   bool takeInput();
@@ -70,6 +73,11 @@ class SocketClient {
   Io::Timer deadline_;
   bool ending_ = false;
   bool inUse_ = false;
+
+  // While the program is not watched.
+  ProgramWatch watch_;
+  Io::Timer look_;
+  bool timeToLook_ = false;
 
   // Agreed on in the handshake.
   Nbd::ExportLimits limits_;

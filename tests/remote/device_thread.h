@@ -97,6 +97,11 @@ class DeviceThread {
     return *answer;
   }
 
+  /// Runs what uses the device on its thread; it has to end by itself, before or soon after this does.
+  void spawn(std::function<Io::Task<void>(Io::EventLoop&, Device&)> user) {
+    loop_.post([this, user = std::move(user)] { users_.spawn(user(loop_, device_)); });
+  }
+
   void stop() {
     loop_.post([this] { device_.stop(); });
   }
@@ -119,6 +124,8 @@ class DeviceThread {
     device_.stop();
     Io::Scope::Joined stopped = device_.stopped();
     co_await stopped;
+    Io::Scope::Joined joined = users_.join();
+    co_await joined;
     loop_.stop();
   }
 
@@ -128,6 +135,7 @@ class DeviceThread {
   Io::EventLoop loop_;
   Device device_;
   Io::Scope scope_;
+  Io::Scope users_;
   std::thread thread_;
 };
 
